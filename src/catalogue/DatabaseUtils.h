@@ -44,6 +44,10 @@ public:
     // Saves the main context; a failure goes to the activity log ("Cannot save infomation: %@").
     void updateInfomation(const QVariant &ignored = {});
 
+    // Posts a plain text line to the activity log ("kKeyLogNotification", the text under "log",
+    // object false: a local-side message). Entries proper are LogObjects, posted by their producers.
+    static void postActivityText(const QString &text);
+
     // --- State kept between calls ---
     AppServices *appDelegate() const { return m_appDelegate; }
     QString macName() const { return m_macName; }

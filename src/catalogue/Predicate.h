@@ -13,7 +13,8 @@
 //  - beginsWithCD(key, prefix): `key BEGINSWITH[cd] prefix`: the attribute starts with the prefix
 //    once both are folded (foldedString: case and diacritics ignored). On `path` this is an indexed
 //    range scan over a folded column.
-//  - AND / OR of predicates. A default-constructed Predicate matches everything.
+//  - AND / OR of predicates. A default-constructed Predicate matches everything; falsePredicate()
+//    nothing.
 
 #include <QList>
 #include <QString>
@@ -30,10 +31,11 @@ QString foldedString(const QString &string);
 class Predicate
 {
 public:
-    enum class Kind { True, Equal, Like, BeginsWithCD, And, Or };
+    enum class Kind { True, False, Equal, Like, BeginsWithCD, And, Or };
 
     Predicate();
 
+    static Predicate falsePredicate();
     static Predicate equalTo(const QString &key, const QVariant &value);
     static Predicate like(const QString &key, const QString &pattern);
     static Predicate beginsWithCD(const QString &key, const QString &prefix);

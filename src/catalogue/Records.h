@@ -46,6 +46,10 @@ struct EntityDescription
     static const std::vector<const EntityDescription *> &allEntities();
 };
 
+// A value converted to an attribute type (QString, qlonglong, bool or QDateTime); a null QVariant
+// when it is absent or cannot be read as that type. Objects store, and predicates compare, this form.
+QVariant normalisedAttributeValue(AttributeType type, const QVariant &value);
+
 class ManagedObject : public std::enable_shared_from_this<ManagedObject>
 {
 public:
