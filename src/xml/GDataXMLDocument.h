@@ -1,0 +1,3 @@
+#pragma once
+// GDataXMLDocument is declared with the other wrappers of the XML layer.
+#include "xml/GDataXMLNode.h"
