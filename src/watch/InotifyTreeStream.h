@@ -1,0 +1,77 @@
+#pragma once
+// The folder-tree event stream on inotify: one watch per folder of the tree (added for folders that
+// are created or move in, with their existing subfolders, and dropped for folders that go away),
+// each kernel event turned into a raw FSEventRecord, records handed to the callback in batches.
+// A batch is delivered `latencyMs` after its first record; the kernel queue is drained first, so
+// both halves of a move (which the kernel queues together) always land in the same batch.
+//
+// Lives on the thread that creates it and calls back on that thread's event loop. Stops (and
+// delivers nothing more) on stop() or destruction. Folders that cannot be watched are reported on
+// the diagnostic log (a full kernel watch table once per stream) and the rest stays watched.
+
+#include "watch/FSEventRecord.h"
+#include "watch/InotifySystem.h"
+
+#include <QHash>
+#include <QObject>
+#include <QSet>
+#include <QString>
+#include <QTimer>
+#include <functional>
+#include <memory>
+
+class QSocketNotifier;
+
+class InotifyTreeStream final : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(InotifyTreeStream)
+public:
+    using Callback = std::function<void(const FSEventBatch &)>;
+
+    InotifyTreeStream(const QString &root, int latencyMs, Callback callback,
+                      std::shared_ptr<InotifySystem> system = InotifySystem::real(),
+                      QObject *parent = nullptr);
+    ~InotifyTreeStream() override;
+
+    // Opens the inotify instance and watches the tree as it is now. False (with a diagnostic line)
+    // when inotify is unavailable or the root folder cannot be watched.
+    bool start();
+    void stop();
+    bool isRunning() const { return m_fd >= 0; }
+
+    // The root as used in record paths: absolute, cleaned, no trailing slash.
+    QString root() const { return m_root; }
+    qsizetype watchCount() const { return m_paths.size(); }
+
+private:
+    enum class ScanMode { Quiet, Created, Found };
+
+    void readEvents();
+    void handleEvent(int wd, std::uint32_t mask, std::uint32_t cookie, const QString &name);
+    void flush();
+    void addRecord(const QString &path, std::uint32_t flags, std::uint32_t cookie = 0);
+    void watchTree(const QString &folder, ScanMode mode);
+    bool addWatch(const QString &folder);
+    void reportWatchFailure(const QString &folder, int error);
+    void forgetWatch(int wd);
+    void dropWatchesUnder(const QString &folder);
+    void renameWatches(const QString &from, const QString &to);
+    bool isUnderPendingMove(const QString &folder) const;
+
+    QString m_root;
+    int m_latencyMs;
+    Callback m_callback;
+    std::shared_ptr<InotifySystem> m_system;
+    int m_fd = -1;
+    int m_rootWd = -1;
+    QSocketNotifier *m_notifier = nullptr;
+    QTimer m_latency;
+    QHash<int, QString> m_paths;                  // watch -> folder
+    QHash<QString, int> m_wds;                    // folder -> watch
+    QHash<std::uint32_t, QString> m_pendingMoves; // folders moved away, partner not seen yet
+    QSet<QString> m_synthesized;                  // paths reported by a scan in this batch
+    QSet<QString> m_modified;                     // files with a modification record in this batch
+    FSEventBatch m_batch;
+    bool m_limitReported = false;
+};
