@@ -5,7 +5,10 @@
 
 namespace {
 QString g_last;
-void capture(const QString &line) { g_last = line; }
+void capture(const QString &line)
+{
+    g_last = line;
+}
 } // namespace
 
 TEST(Log, LineCarriesFileStemFunctionLineAndMessage)
