@@ -1,0 +1,268 @@
+#include "TestHttpsServer.h"
+
+#include "common/TestUtil.h"
+
+#include <QDir>
+#include <QFile>
+#include <QPointer>
+#include <QProcess>
+#include <QSslCertificate>
+#include <QSslConfiguration>
+#include <QSslKey>
+#include <QSslServer>
+#include <QSslSocket>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QThread>
+#include <atomic>
+#include <mutex>
+
+namespace {
+struct CertFiles
+{
+    QString cert;
+    QString key;
+};
+
+CertFiles makeCertificate(const QString &prefix)
+{
+    static QTemporaryDir dir;
+    const QString cert = dir.filePath(prefix + QStringLiteral("cert.pem"));
+    const QString key = dir.filePath(prefix + QStringLiteral("key.pem"));
+    {
+        QProcess openssl;
+        openssl.start(QStringLiteral("openssl"),
+                      {QStringLiteral("req"), QStringLiteral("-x509"), QStringLiteral("-newkey"),
+                       QStringLiteral("rsa:2048"), QStringLiteral("-nodes"), QStringLiteral("-keyout"), key,
+                       QStringLiteral("-out"), cert, QStringLiteral("-days"), QStringLiteral("2"),
+                       QStringLiteral("-subj"), QStringLiteral("/CN=localhost"), QStringLiteral("-addext"),
+                       QStringLiteral("subjectAltName=IP:127.0.0.1,DNS:localhost")});
+        if (!openssl.waitForFinished(60000) || openssl.exitCode() != 0)
+            return {};
+    }
+    return {cert, key};
+}
+
+const CertFiles &certFiles()
+{
+    static CertFiles files;
+    static std::once_flag once;
+    std::call_once(once, [] {
+        files = makeCertificate(QStringLiteral("trusted-"));
+        if (!files.cert.isEmpty())
+            qputenv("FERROVANE_CA_FILE", QFile::encodeName(files.cert));
+    });
+    return files;
+}
+
+const CertFiles &untrustedCertFiles()
+{
+    static const CertFiles files = makeCertificate(QStringLiteral("untrusted-"));
+    return files;
+}
+
+QByteArray reasonFor(int status)
+{
+    switch (status) {
+    case 200:
+        return "OK";
+    case 404:
+        return "Not Found";
+    case 500:
+        return "Internal Server Error";
+    default:
+        return "Status";
+    }
+}
+} // namespace
+
+// Lives on the server thread; one connection at a time is enough for these tests but several work.
+class TestHttpsServerWorker final : public QObject
+{
+public:
+    explicit TestHttpsServerWorker(TestHttpsServer *owner) : m_owner(owner) {}
+
+    quint16 listen(bool trusted)
+    {
+        const CertFiles &files = trusted ? certFiles() : untrustedCertFiles();
+        QSslConfiguration config = QSslConfiguration::defaultConfiguration();
+        QFile certFile(files.cert), keyFile(files.key);
+        if (!certFile.open(QIODevice::ReadOnly) || !keyFile.open(QIODevice::ReadOnly))
+            return 0;
+        config.setLocalCertificate(QSslCertificate(&certFile, QSsl::Pem));
+        config.setPrivateKey(QSslKey(&keyFile, QSsl::Rsa, QSsl::Pem));
+        config.setPeerVerifyMode(QSslSocket::VerifyNone);
+        m_server = new QSslServer(this);
+        m_server->setSslConfiguration(config);
+        connect(m_server, &QSslServer::pendingConnectionAvailable, this, &TestHttpsServerWorker::accept);
+        if (!m_server->listen(QHostAddress::LocalHost, 0))
+            return 0;
+        return m_server->serverPort();
+    }
+
+private:
+    struct Connection
+    {
+        QByteArray buffer;
+        TestRequest request;
+        qint64 expected = -1; // body bytes still to come; -1 while reading the head
+        bool answered = false;
+    };
+
+    void accept()
+    {
+        while (QTcpSocket *socket = m_server->nextPendingConnection()) {
+            auto state = std::make_shared<Connection>();
+            connect(socket, &QTcpSocket::readyRead, this, [this, socket, state] { read(socket, *state); });
+            connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+            read(socket, *state);
+        }
+    }
+
+    void read(QTcpSocket *socket, Connection &c)
+    {
+        if (c.answered) {
+            socket->readAll();
+            return;
+        }
+        c.buffer += socket->readAll();
+        if (c.expected < 0) {
+            const qsizetype end = c.buffer.indexOf("\r\n\r\n");
+            if (end < 0)
+                return;
+            const QList<QByteArray> lines = c.buffer.left(end).split('\n');
+            const QList<QByteArray> first = lines.value(0).trimmed().split(' ');
+            c.request.method = first.value(0);
+            c.request.target = first.value(1);
+            for (qsizetype i = 1; i < lines.size(); ++i) {
+                const QByteArray line = lines.at(i).trimmed();
+                const qsizetype colon = line.indexOf(':');
+                if (colon <= 0)
+                    continue;
+                const QByteArray name = line.left(colon).trimmed();
+                c.request.headerOrder.append(name);
+                c.request.headers.insert(name.toLower(), line.mid(colon + 1).trimmed());
+            }
+            c.expected = c.request.headers.value("content-length", "0").toLongLong();
+            c.buffer.remove(0, end + 4);
+        }
+        if (c.buffer.size() < c.expected)
+            return;
+        c.request.body = c.buffer.left(c.expected);
+        c.answered = true;
+        m_owner->record(c.request);
+        respond(socket, m_owner->answer(c.request));
+    }
+
+    void respond(QTcpSocket *socket, const TestResponse &r)
+    {
+        switch (r.action) {
+        case TestResponse::Drop:
+            socket->abort();
+            return;
+        case TestResponse::Hang:
+            return;
+        default:
+            break;
+        }
+        QByteArray head = "HTTP/1.1 " + QByteArray::number(r.status) + ' ' + reasonFor(r.status) + "\r\n";
+        for (const auto &[name, value] : r.headers)
+            head += name + ": " + value + "\r\n";
+        qint64 announced = r.body.size();
+        if (r.action == TestResponse::CutBody || r.action == TestResponse::HeadersThenHang)
+            announced += 1000;
+        if (r.sendContentLength)
+            head += "Content-Length: " + QByteArray::number(announced) + "\r\n";
+        head += "Connection: close\r\n\r\n";
+        socket->write(head);
+        socket->write(r.body);
+        if (r.action == TestResponse::HeadersThenHang)
+            return;
+        if (r.action == TestResponse::CutBody) {
+            socket->flush();
+            socket->waitForBytesWritten(2000);
+            socket->abort();
+            return;
+        }
+        socket->disconnectFromHost();
+    }
+
+    TestHttpsServer *m_owner;
+    QSslServer *m_server = nullptr;
+};
+
+QString TestHttpsServer::certificatePath()
+{
+    return certFiles().cert;
+}
+QString TestHttpsServer::keyPath()
+{
+    return certFiles().key;
+}
+
+TestHttpsServer::TestHttpsServer(Handler handler, bool trusted)
+    : m_handler(std::move(handler)), m_trusted(trusted)
+{
+    certFiles();
+    m_thread = new QThread;
+    m_thread->setObjectName(QStringLiteral("test https server"));
+    m_worker = new TestHttpsServerWorker(this);
+    m_worker->moveToThread(m_thread);
+    m_thread->start();
+    QMetaObject::invokeMethod(
+        m_worker, [this] { m_port = m_worker->listen(m_trusted); }, Qt::BlockingQueuedConnection);
+}
+
+TestHttpsServer::~TestHttpsServer()
+{
+    QMetaObject::invokeMethod(
+        m_worker, [this] { delete m_worker; }, Qt::BlockingQueuedConnection);
+    m_thread->quit();
+    m_thread->wait();
+    delete m_thread;
+}
+
+QString TestHttpsServer::domain() const
+{
+    return QStringLiteral("127.0.0.1:%1").arg(m_port);
+}
+
+QList<TestRequest> TestHttpsServer::requests() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_requests;
+}
+
+void TestHttpsServer::setHandler(Handler handler)
+{
+    QMutexLocker lock(&m_mutex);
+    m_handler = std::move(handler);
+}
+
+void TestHttpsServer::record(const TestRequest &request)
+{
+    QMutexLocker lock(&m_mutex);
+    m_requests.append(request);
+}
+
+TestResponse TestHttpsServer::answer(const TestRequest &request)
+{
+    Handler handler;
+    {
+        QMutexLocker lock(&m_mutex);
+        handler = m_handler;
+    }
+    return handler ? handler(request) : TestResponse{};
+}
+
+bool runOffMainThread(const std::function<void()> &job, int timeoutMs)
+{
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    QThread *thread = QThread::create([job, done] {
+        job();
+        *done = true;
+    });
+    QObject::connect(thread, &QThread::finished, thread, &QObject::deleteLater);
+    thread->start();
+    return TestUtil::waitFor([done] { return done->load(); }, timeoutMs);
+}
