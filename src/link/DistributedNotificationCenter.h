@@ -14,6 +14,7 @@
 #include <QObject>
 #include <QPointer>
 #include <QString>
+#include <atomic>
 #include <functional>
 
 class DistributedNotificationCenter final : public QObject
@@ -58,7 +59,10 @@ private:
         Handler selector;
     };
 
+    void reportNoBus(const QString &reason);
+
     QDBusConnection m_bus;
     bool m_connected = false;
+    std::atomic<bool> m_saidNoBus{false};
     QList<Observation> m_observations;
 };
