@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
-#include <fcntl.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -66,36 +65,57 @@ std::uint32_t kindsFor(std::uint32_t mask)
     return kinds;
 }
 
-// Watching the entry's own descriptor (not its path) keeps the watch on the same item after a rename.
-QByteArray descriptorPath(int fd)
-{
-    return "/proc/self/fd/" + QByteArray::number(fd);
-}
-
 } // namespace
 
-VDKQueuePathEntry::VDKQueuePathEntry(const QString &path) : m_path(path)
+VDKQueuePathEntry::VDKQueuePathEntry(const QString &path, std::uint32_t flags, InotifySystem &system,
+                                     int queue)
+    : m_path(path)
 {
-    watchedFD = ::open(QFile::encodeName(path).constData(), O_PATH | O_CLOEXEC);
+    // Masks only grow (another entry may share the item's watch); each entry filters by its own set.
+    const InotifySystem::Result wd =
+        system.addWatch(queue, QFile::encodeName(path), maskFor(flags) | IN_MASK_ADD);
+    m_error = wd.error;
+    if (!wd.ok())
+        return;
+    watchedFD = wd.value;
+    subscriptionFlags = flags;
     refresh();
 }
 
-VDKQueuePathEntry::~VDKQueuePathEntry()
+void VDKQueuePathEntry::close(InotifySystem &system, int queue, bool shared)
 {
-    if (watchedFD >= 0)
-        ::close(watchedFD);
+    if (watchedFD >= 0 && !shared && queue >= 0)
+        system.removeWatch(queue, watchedFD);
+    watchedFD = -1;
+}
+
+bool VDKQueuePathEntry::widen(std::uint32_t flags, InotifySystem &system, int queue)
+{
+    const std::uint32_t wanted = subscriptionFlags | flags;
+    const InotifySystem::Result wd =
+        system.addWatch(queue, QFile::encodeName(m_path), maskFor(wanted) | IN_MASK_ADD);
+    m_error = wd.error;
+    if (!wd.ok() || wd.value != watchedFD)
+        return false; // the path names another item now (or none): keep the watch as it is
+    subscriptionFlags = wanted;
+    return true;
 }
 
 std::uint32_t VDKQueuePathEntry::refresh()
 {
     struct stat info;
-    if (watchedFD < 0 || ::fstat(watchedFD, &info) != 0)
+    if (::stat(QFile::encodeName(m_path).constData(), &info) != 0)
         return 0;
+    if (m_known && (quint64(info.st_dev) != m_device || quint64(info.st_ino) != m_inode))
+        return 0; // renamed away: the path names something else
     std::uint32_t kinds = 0;
-    if (qint64(info.st_size) > m_size)
+    if (m_known && qint64(info.st_size) > m_size)
         kinds |= Extend;
-    if (quint64(info.st_nlink) != m_links)
+    if (m_known && quint64(info.st_nlink) != m_links)
         kinds |= Link;
+    m_known = true;
+    m_device = quint64(info.st_dev);
+    m_inode = quint64(info.st_ino);
     m_size = qint64(info.st_size);
     m_links = quint64(info.st_nlink);
     return kinds;
@@ -156,34 +176,20 @@ VDKQueuePathEntry *VDKQueue::addPathToQueue(const QString &path, std::uint32_t f
 {
     QMutexLocker lock(&m_lock);
     std::shared_ptr<VDKQueuePathEntry> entry = watchedPathEntries.value(path);
-    std::uint32_t wanted = flags;
     if (entry) {
-        if ((entry->flags() & flags) == flags)
-            return entry.get();
-        wanted |= entry->flags();
-    } else {
-        entry = std::make_shared<VDKQueuePathEntry>(path);
-        if (!entry->isValid())
-            return nullptr;
+        if ((entry->flags() & flags) != flags && !entry->widen(flags, *m_system, coreQueueFD))
+            FV_LOG(u"VDKQueue could not widen the watch of %1: %2"_qs.arg(
+                path, QString::fromLocal8Bit(std::strerror(entry->error()))));
+        return entry.get();
     }
-
-    // Masks only grow (another entry may share the item's watch); each entry filters by its own set.
-    const InotifySystem::Result wd =
-        m_system->addWatch(coreQueueFD, descriptorPath(entry->descriptor()), maskFor(wanted) | IN_MASK_ADD);
-    if (!wd.ok()) {
-        FV_LOG(
-            u"VDKQueue could not watch %1: %2"_qs.arg(path, QString::fromLocal8Bit(std::strerror(wd.error))));
-        if (wd.error == ENOSPC)
+    entry = std::make_shared<VDKQueuePathEntry>(path, flags, *m_system, coreQueueFD);
+    if (!entry->isValid()) {
+        if (entry->error() == ENOSPC)
             FV_LOG(u"The kernel's inotify watch limit is reached; raise fs.inotify.max_user_watches"_qs);
-        return watchedPathEntries.contains(path) ? entry.get() : nullptr;
+        return nullptr;
     }
-    if (entry->watch() != wd.value) {
-        m_entriesByWatch.remove(entry->watch(), entry);
-        entry->setWatch(wd.value);
-        m_entriesByWatch.insert(wd.value, entry);
-    }
-    entry->setFlags(wanted);
     watchedPathEntries.insert(path, entry);
+    m_entriesByWatch.insert(entry->descriptor(), entry);
 
     if (!keepWatcherThreadRunning) {
         keepWatcherThreadRunning = true;
@@ -221,11 +227,9 @@ void VDKQueue::dropEntry(const QString &path)
     const std::shared_ptr<VDKQueuePathEntry> entry = watchedPathEntries.take(path);
     if (!entry)
         return;
-    const int wd = entry->watch();
+    const int wd = entry->descriptor();
     m_entriesByWatch.remove(wd, entry);
-    if (wd >= 0 && !m_entriesByWatch.contains(wd) && coreQueueFD >= 0)
-        m_system->removeWatch(coreQueueFD, wd);
-    // The descriptor closes when the last holder (possibly the watcher thread, mid-round) lets go.
+    entry->close(*m_system, coreQueueFD, m_entriesByWatch.contains(wd));
 }
 
 QStringList VDKQueue::notificationNames(std::uint32_t flags)
@@ -285,7 +289,7 @@ void VDKQueue::watcherThread()
                     if (mask & IN_IGNORED) { // the item is gone, and its watch with it
                         m_entriesByWatch.remove(wd);
                         for (const auto &[entry, flags] : std::as_const(entries))
-                            entry->setWatch(-1);
+                            entry->setDescriptor(-1);
                     }
                 }
                 for (const auto &[entry, flags] : std::as_const(entries)) {

@@ -57,23 +57,26 @@ public:
     }
 };
 
-// One watched path: a descriptor opened for nothing but reference (never for reading or writing),
-// used to read the item's size and link count after its path has changed, and the kernel watch.
+// One watched path: its kernel watch (the descriptor), opened with the kinds wanted. A watch does
+// not keep the item or its volume busy. Size and link count are read back from the path, and only
+// while it still names the same item.
 class VDKQueuePathEntry final
 {
     Q_DISABLE_COPY_MOVE(VDKQueuePathEntry)
 public:
-    // Opens the path; check isValid(): when opening fails the entry must not be used.
-    explicit VDKQueuePathEntry(const QString &path);
-    ~VDKQueuePathEntry(); // closes the descriptor
+    // Opens the path on `queue`; check isValid(): when opening fails the entry must not be used.
+    VDKQueuePathEntry(const QString &path, std::uint32_t flags, InotifySystem &system, int queue);
+    // Closes the descriptor unless `shared` (another entry uses the same watch).
+    void close(InotifySystem &system, int queue, bool shared);
 
     bool isValid() const { return watchedFD >= 0; }
     const QString &path() const { return m_path; }
     int descriptor() const { return watchedFD; }
+    void setDescriptor(int wd) { watchedFD = wd; }
     std::uint32_t flags() const { return subscriptionFlags; }
-    void setFlags(std::uint32_t flags) { subscriptionFlags = flags; }
-    int watch() const { return m_watch; }
-    void setWatch(int wd) { m_watch = wd; }
+    // Adds kinds to the watch; false (and nothing changed) when the kernel refuses.
+    bool widen(std::uint32_t flags, InotifySystem &system, int queue);
+    int error() const { return m_error; }
 
     // Compares size and link count with the last look; the kinds that changed (Extend, Link).
     std::uint32_t refresh();
@@ -82,7 +85,9 @@ private:
     QString m_path;
     std::int32_t watchedFD = -1;
     std::uint32_t subscriptionFlags = 0;
-    int m_watch = -1;
+    int m_error = 0;
+    bool m_known = false;
+    quint64 m_device = 0, m_inode = 0;
     qint64 m_size = 0;
     quint64 m_links = 0;
 };
@@ -121,7 +126,7 @@ private:
     std::atomic<int> coreQueueFD;
     QMutex m_lock;
     QHash<QString, std::shared_ptr<VDKQueuePathEntry>> watchedPathEntries;
-    QMultiHash<int, std::shared_ptr<VDKQueuePathEntry>> m_entriesByWatch; // kernel watch -> entries
+    QMultiHash<int, std::shared_ptr<VDKQueuePathEntry>> m_entriesByWatch; // watch -> entries sharing it
     std::atomic<bool> keepWatcherThreadRunning{false};
     std::unique_ptr<QThread> m_thread;
     VDKQueueDelegate *m_delegate = nullptr;
