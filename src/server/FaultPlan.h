@@ -1,0 +1,48 @@
+#pragma once
+// Faults to inject into the server's next replies, for tests of the client's failure handling.
+// Each fault names a command (LOGIN ... INFO, UPLOAD, DOWNLOAD, UPDATE, PACKAGE, or "*" for any)
+// and how many of its next requests it hits; the first matching fault in insertion order is
+// taken. Thread-safe.
+
+#include <QByteArray>
+#include <QList>
+#include <QMutex>
+#include <QString>
+#include <optional>
+
+struct Fault
+{
+    enum class Kind {
+        Drop,                // close the connection without answering; the request is not carried out
+        DropAfterProcessing, // carry the request out, then close without answering (a lost reply)
+        HttpStatus,          // answer with `status` and a short text body
+        Body,                // answer 200 with `body` as it is (a non-XML reply such as "-3" or "-2")
+        Delay,               // wait `delayMs` (real time) before handling the request normally
+        RefuseUpload,        // UPLOAD: read and discard the body, answer "Velmora-result" = `result`
+        CutDownload,         // DOWNLOAD: announce the full length, send `bytes` bytes, close
+    };
+    Kind kind = Kind::Drop;
+    QString command;
+    int count = 1;
+    int status = 500;
+    QByteArray body;
+    int delayMs = 0;
+    QString result = QStringLiteral("1");
+    qint64 bytes = 0;
+
+    static std::optional<Kind> kindFromName(const QString &name);
+};
+
+class FaultPlan
+{
+public:
+    void add(const Fault &fault);
+    // Takes one use of the first fault that applies to `command`.
+    std::optional<Fault> take(const QString &command);
+    void clear();
+    int pending() const;
+
+private:
+    mutable QMutex m_mutex;
+    QList<Fault> m_faults;
+};
