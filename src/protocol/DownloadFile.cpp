@@ -1,0 +1,232 @@
+#include "protocol/DownloadFile.h"
+
+#include "RestLibrary/NetworkAccess.h"
+#include "protocol/TransferState.h"
+#include "util/Log.h"
+
+#include <QCryptographicHash>
+#include <QFile>
+#include <QFileInfo>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <exception>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace {
+// Bytes the manager may hold for us before it stops reading the socket; also our chunk size.
+constexpr qint64 kReadBufferSize = 1024 * 1024;
+} // namespace
+
+// The live part of a download on the main thread: the connection, the output file and the digest.
+class DownloadConnection final : public QObject
+{
+public:
+    DownloadConnection(std::shared_ptr<TransferState> state, QString savePath)
+        : m_state(std::move(state)), m_savePath(std::move(savePath)), m_digest(QCryptographicHash::Md5)
+    {}
+    ~DownloadConnection() override { close(); }
+
+    void start(const QString &url)
+    {
+        QNetworkRequest request = NetworkAccess::request(QUrl(url));
+        m_connection = NetworkAccess::mainManager()->sendCustomRequest(request, "POST", QByteArray());
+        m_connection->setReadBufferSize(kReadBufferSize);
+        connect(m_connection, &QNetworkReply::metaDataChanged, this, &DownloadConnection::didReceiveResponse);
+        connect(m_connection, &QNetworkReply::readyRead, this, &DownloadConnection::didReceiveData);
+        connect(m_connection, &QNetworkReply::finished, this, &DownloadConnection::didFinish);
+    }
+
+    void close()
+    {
+        if (m_connection) {
+            m_connection->disconnect(this);
+            if (!m_connection->isFinished())
+                m_connection->abort();
+            m_connection->deleteLater();
+            m_connection = nullptr;
+        }
+        m_fileHandler.close();
+    }
+
+    // The digest of everything written (of nothing when no byte came).
+    QString md5() const { return QString::fromLatin1(m_digest.result().toHex()); }
+
+private:
+    void didReceiveResponse()
+    {
+        if (m_responded || !m_connection)
+            return;
+        m_responded = true;
+        QStringList fields;
+        for (const auto &[name, value] : m_connection->rawHeaderPairs())
+            fields << QString::fromUtf8(name + ": " + value);
+        FV_LOG(fields.join(QLatin1String(", ")));
+    }
+
+    bool openOutput()
+    {
+        // Create when missing, never truncate: a longer old file keeps its tail.
+        m_fileHandler.setFileName(m_savePath);
+        if (!m_fileHandler.open(QIODevice::ReadWrite | QIODevice::Unbuffered) || !m_fileHandler.seek(0)) {
+            FV_LOG(QStringLiteral("Fail: cannot write %1: %2").arg(m_savePath, m_fileHandler.errorString()));
+            return false;
+        }
+        m_digest.reset();
+        return true;
+    }
+
+    void didReceiveData()
+    {
+        if (!m_connection || m_state->anySet())
+            return;
+        if (!m_fileHandler.isOpen() && !openOutput()) {
+            fail();
+            return;
+        }
+        if (m_chunk.isEmpty())
+            m_chunk.resize(kReadBufferSize);
+        for (;;) {
+            const qint64 got = m_connection->read(m_chunk.data(), m_chunk.size());
+            if (got <= 0)
+                break;
+            if (m_fileHandler.write(m_chunk.constData(), got) != got) {
+                FV_LOG(QStringLiteral("Fail: write to %1: %2").arg(m_savePath, m_fileHandler.errorString()));
+                fail();
+                return;
+            }
+            m_digest.addData(QByteArrayView(m_chunk.constData(), got));
+        }
+    }
+
+    void didFinish()
+    {
+        if (!m_connection || m_state->anySet())
+            return;
+        didReceiveResponse();
+        if (m_connection->bytesAvailable() > 0)
+            didReceiveData();
+        if (m_state->anySet())
+            return;
+        if (NetworkAccess::isTransportFailure(m_connection)) {
+            FV_LOG(QStringLiteral("Fail: %1").arg(NetworkAccess::errorFromReply(m_connection).toString()));
+            m_state->set(TransferState::Fail);
+            return;
+        }
+        FV_LOG(QStringLiteral("Finish!"));
+        m_fileHandler.close();
+        m_state->set(TransferState::Done);
+    }
+
+    void fail()
+    {
+        m_state->set(TransferState::Fail);
+        if (m_connection && !m_connection->isFinished()) {
+            m_connection->disconnect(this);
+            m_connection->abort();
+        }
+    }
+
+    std::shared_ptr<TransferState> m_state;
+    QString m_savePath;
+    QNetworkReply *m_connection = nullptr;
+    QFile m_fileHandler;
+    QCryptographicHash m_digest;
+    QByteArray m_chunk;
+    bool m_responded = false;
+};
+
+DownloadFile::DownloadFile() : m_state(std::make_shared<TransferState>()) {}
+
+DownloadFile::~DownloadFile()
+{
+    closeConnection();
+}
+
+bool DownloadFile::downloadFileFromURL(const QString &url, const QString &savePath, QString *md5,
+                                       const QDateTime &time)
+{
+    DownloadFile download;
+    download.setTime(time);
+    const bool ok = download.downloadFileFromURL(url, savePath);
+    if (ok && md5)
+        *md5 = download.md5Str();
+    return ok;
+}
+
+bool DownloadFile::downloadFileFromURL(const QString &url, const QString &savePath)
+{
+    bool ok = false;
+    try {
+        m_urlStr = url;
+        m_savePath = savePath;
+        if (NetworkAccess::isMainThread()) {
+            // The connection needs this thread's event loop: waiting here could never end.
+            FV_LOG(QStringLiteral("Download refused on the main thread: %1").arg(savePath));
+            m_state->set(TransferState::Fail);
+        } else {
+            NetworkAccess::runOnMainThread([this] { createConnection(); });
+            m_state->waitForOutcome();
+        }
+        QString digest;
+        if (m_connection) {
+            DownloadConnection *connection = m_connection;
+            NetworkAccess::runOnMainThread([&] {
+                connection->close();
+                digest = connection->md5();
+            });
+        }
+        closeConnection();
+        if (isFail() || !isDone()) {
+            m_md5Str.clear();
+        } else {
+            m_md5Str = digest;
+            const QByteArray nativePath = QFile::encodeName(savePath);
+            struct stat info;
+            if (m_time.isValid() && ::stat(nativePath.constData(), &info) == 0) {
+                // Both dates become the server's time; Linux keeps no settable creation date, so
+                // the modification (and access) time carry it.
+                const qint64 ms = m_time.toMSecsSinceEpoch();
+                struct timespec times[2];
+                times[0].tv_sec = times[1].tv_sec = time_t(ms / 1000);
+                times[0].tv_nsec = times[1].tv_nsec = long(ms % 1000) * 1000000L;
+                if (::utimensat(AT_FDCWD, nativePath.constData(), times, 0) == 0)
+                    FV_LOG(QStringLiteral("Set attribute for file: %1").arg(savePath));
+            }
+            ok = true;
+        }
+    } catch (const std::exception &e) {
+        FV_LOG(QStringLiteral("Download exception: %1").arg(QString::fromUtf8(e.what())));
+        ok = false;
+    }
+    FV_LOG(QStringLiteral("End download file: %1").arg(QFileInfo(savePath).fileName()));
+    return ok;
+}
+
+void DownloadFile::createConnection()
+{
+    closeConnection();
+    m_connection = new DownloadConnection(m_state, m_savePath);
+    m_connection->start(m_urlStr);
+}
+
+void DownloadFile::closeConnection()
+{
+    if (!m_connection)
+        return;
+    DownloadConnection *connection = m_connection;
+    m_connection = nullptr;
+    NetworkAccess::runOnMainThread([connection] {
+        connection->close();
+        connection->deleteLater();
+    });
+}
+
+bool DownloadFile::isDone() const
+{
+    return m_state->isSet(TransferState::Done);
+}
+bool DownloadFile::isFail() const
+{
+    return m_state->isSet(TransferState::Fail);
+}
