@@ -108,7 +108,8 @@ sqlite3 *PersistentStoreCoordinator::openConnection(FvError *error) const
                                    SQLITE_OPEN_READWRITE | SQLITE_OPEN_FULLMUTEX, nullptr);
     if (rc != SQLITE_OK) {
         if (error)
-            *error = makeError(OpenFailed, QStringLiteral("The store could not be opened."), db, rc);
+            *error = makeError(OpenFailed, QStringLiteral("The store could not be opened (%1).").arg(m_path),
+                               db, rc);
         sqlite3_close_v2(db);
         return nullptr;
     }
@@ -116,7 +117,18 @@ sqlite3 *PersistentStoreCoordinator::openConnection(FvError *error) const
     sqlite3_busy_timeout(db, kBusyTimeoutMs);
     sqlite3_create_function_v2(db, StoreSql::kFoldFunction, 1, SQLITE_UTF8 | SQLITE_DETERMINISTIC, nullptr,
                                foldFunction, nullptr, nullptr, nullptr);
-    if (!exec(db, QStringLiteral("PRAGMA synchronous=NORMAL"), error, OpenFailed)) {
+    // The first statement reads the file's header: this is where a file that is not a database shows.
+    const int pragmaRc = sqlite3_exec(db, "PRAGMA synchronous=NORMAL", nullptr, nullptr, nullptr);
+    if (pragmaRc != SQLITE_OK) {
+        const int primary = pragmaRc & 0xff;
+        const bool damaged = primary == SQLITE_NOTADB || primary == SQLITE_CORRUPT;
+        if (error)
+            *error = makeError(
+                damaged ? NotAStore : OpenFailed,
+                damaged
+                    ? QStringLiteral("The store file is damaged or not a catalogue store (%1).").arg(m_path)
+                    : QStringLiteral("The store could not be opened (%1).").arg(m_path),
+                db, pragmaRc);
         sqlite3_close_v2(db);
         return nullptr;
     }
@@ -147,6 +159,9 @@ bool PersistentStoreCoordinator::prepareStore(FvError *error)
     FvError openError;
     sqlite3 *db = openConnection(&openError);
     if (!db) {
+        FV_LOG(QStringLiteral("Store %1 cannot be used: %2")
+                   .arg(m_path,
+                        openError.userInfo.value(QStringLiteral("NSLocalizedFailureReason")).toString()));
         if (error)
             *error = openError;
         return false;
@@ -195,10 +210,10 @@ bool PersistentStoreCoordinator::prepareStore(FvError *error)
         return false;
     bool ok = exec(db, QStringLiteral("PRAGMA application_id=%1").arg(kApplicationId), error);
     for (const EntityDescription *entity : EntityDescription::allEntities()) {
-        for (const QString &statement : StoreSql::schemaStatements(*entity)) {
-            if (ok)
-                ok = exec(db, statement, error);
-        }
+        // The table first, then any columns it lacks, then the indexes (which may name those columns).
+        const QStringList statements = StoreSql::schemaStatements(*entity);
+        if (ok)
+            ok = exec(db, statements.first(), error);
         QStringList present;
         if (ok &&
             !queryColumn(db, QStringLiteral("SELECT name FROM pragma_table_info('%1')").arg(entity->name),
@@ -222,6 +237,8 @@ bool PersistentStoreCoordinator::prepareStore(FvError *error)
                           error);
             }
         }
+        for (qsizetype i = 1; ok && i < statements.size(); ++i)
+            ok = exec(db, statements[i], error);
     }
     if (ok)
         ok = exec(db, QStringLiteral("PRAGMA user_version=%1").arg(kSchemaVersion), error);

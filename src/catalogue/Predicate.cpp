@@ -53,7 +53,7 @@ bool likeMatches(const QString &string, const QString &pattern)
     return g == glob.size();
 }
 
-Predicate::Predicate() : m_node(std::make_shared<Node>()) {}
+Predicate::Predicate() = default; // no node: matches everything
 Predicate::Predicate(std::shared_ptr<const Node> node) : m_node(std::move(node)) {}
 
 Predicate Predicate::falsePredicate()
@@ -120,15 +120,15 @@ Predicate operator||(const Predicate &left, const Predicate &right)
 
 Predicate::Kind Predicate::kind() const
 {
-    return m_node->kind;
+    return m_node ? m_node->kind : Kind::True;
 }
 QString Predicate::key() const
 {
-    return m_node->key;
+    return m_node ? m_node->key : QString();
 }
 QVariant Predicate::value() const
 {
-    return m_node->value;
+    return m_node ? m_node->value : QVariant();
 }
 
 QList<Predicate> Predicate::operands() const
@@ -160,6 +160,8 @@ QString textOf(AttributeType type, const QVariant &value)
 
 bool Predicate::evaluateWithObject(const ManagedObject &object) const
 {
+    if (!m_node)
+        return true;
     const Node &node = *m_node;
     switch (node.kind) {
     case Kind::True:
@@ -202,6 +204,8 @@ bool Predicate::evaluateWithObject(const ManagedObject &object) const
 
 QString Predicate::toString() const
 {
+    if (!m_node)
+        return QStringLiteral("TRUEPREDICATE");
     const Node &node = *m_node;
     auto quoted = [](const QVariant &value) -> QString {
         if (value.isNull())

@@ -1,0 +1,106 @@
+#include "catalogue/DatabaseUtils.h"
+
+#include "StoreFixture.h"
+#include "util/AppServices.h"
+#include "util/NotificationCenter.h"
+
+namespace {
+
+// Settings and a main context, as the application would give them.
+class FakeServices final : public AppServices
+{
+public:
+    QVariantMap config;
+    std::shared_ptr<ManagedObjectContext> main;
+
+    QVariant getConfigValueByKey(const QString &key) const override { return config.value(key); }
+    void setConfigValue(const QVariant &value, const QString &key) override { config.insert(key, value); }
+    void saveConfig() override {}
+    void clearAccountInfomation() override {}
+    bool isLogined() const override { return true; }
+    void setIsLogined(bool) override {}
+    std::shared_ptr<ManagedObjectContext> managedObjectContext() override { return main; }
+    std::shared_ptr<ManagedObjectContext> getManagedObjectContextByThread() override { return nullptr; }
+    void saveData() override {}
+    void postNotificationWithTitle(const QString &, const QString &) override {}
+    void startStatusBarAnimation() override {}
+    void stopStatusBarAnimation() override {}
+    void relogin() override {}
+};
+
+class DatabaseUtilsTest : public StoreFixture
+{
+protected:
+    void SetUp() override
+    {
+        StoreFixture::SetUp();
+        services.main = context;
+        services.config = {{QStringLiteral("kKeyPCName"), QStringLiteral("desk")},
+                           {QStringLiteral("kKeyUseID"), QStringLiteral("bob")}};
+        AppServices::setShared(&services);
+    }
+    void TearDown() override
+    {
+        DatabaseUtils::destroy();
+        AppServices::setShared(nullptr);
+    }
+    FakeServices services;
+};
+
+} // namespace
+
+TEST_F(DatabaseUtilsTest, SingleInstanceLivesUntilDestroyedAndReleased)
+{
+    auto first = DatabaseUtils::instance();
+    EXPECT_EQ(first, DatabaseUtils::instance());
+    EXPECT_TRUE(first->isAlive());
+    EXPECT_EQ(first->macName(), QStringLiteral("desk"));
+    EXPECT_EQ(first->appDelegate(), &services);
+
+    DatabaseUtils::destroy();
+    EXPECT_FALSE(first->isAlive()); // a worker still holding it sees the mark
+    services.config.insert(QStringLiteral("kKeyPCName"), QStringLiteral("laptop"));
+    auto second = DatabaseUtils::instance();
+    EXPECT_NE(second, first);
+    EXPECT_TRUE(second->isAlive());
+    EXPECT_EQ(second->macName(), QStringLiteral("laptop"));
+}
+
+TEST_F(DatabaseUtilsTest, AccountRecordIsTheConfiguredUsersOne)
+{
+    EXPECT_EQ(DatabaseUtils::instance()->getInfomation(), nullptr);
+    for (const char *account : {"alice", "bob"}) {
+        auto info = context->insertNewObject<Infomation>();
+        info->setAccount(QString::fromLatin1(account));
+    }
+    auto bob = DatabaseUtils::instance()->getInfomation();
+    ASSERT_TRUE(bob);
+    EXPECT_EQ(bob->account(), QStringLiteral("bob"));
+    EXPECT_EQ(DatabaseUtils::instance()->getInfomationWithManagedObjectContext(nullptr), nullptr);
+
+    services.main = nullptr; // signed out: no main context
+    EXPECT_EQ(DatabaseUtils::instance()->getInfomation(), nullptr);
+}
+
+TEST_F(DatabaseUtilsTest, FailedAccountSaveGoesToTheActivityLog)
+{
+    QStringList posted;
+    QObject receiver;
+    QObject::connect(NotificationCenter::defaultCenter(), &NotificationCenter::posted, &receiver,
+                     [&](const QString &name, const QVariant &, const QVariantMap &info) {
+                         if (name == u"kKeyLogNotification")
+                             posted.append(info.value(QStringLiteral("log")).toString());
+                     });
+    context->insertNewObject<Infomation>()->setAccount(QStringLiteral("bob"));
+    DatabaseUtils::instance()->updateInfomation();
+    EXPECT_FALSE(context->hasChanges());
+    EXPECT_TRUE(posted.isEmpty());
+
+    sql(QStringLiteral(
+        "CREATE TRIGGER refuse BEFORE UPDATE ON Infomation BEGIN SELECT RAISE(ABORT, 'no'); END"));
+    DatabaseUtils::instance()->getInfomation()->setSession(QStringLiteral("s1"));
+    DatabaseUtils::instance()->updateInfomation();
+    ASSERT_EQ(posted.size(), 1);
+    EXPECT_TRUE(posted.first().startsWith(QStringLiteral("Cannot save infomation: ")));
+    EXPECT_EQ(DatabaseUtils::instance()->getInfomation()->session(), QStringLiteral("s1")); // kept in memory
+}
