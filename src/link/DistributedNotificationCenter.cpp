@@ -6,13 +6,28 @@
 #include <QDBusError>
 #include <QDBusMessage>
 #include <QThread>
+#include <atomic>
 
 DistributedNotificationCenter *DistributedNotificationCenter::defaultCenter()
 {
     // Never destroyed: the bus connection must not be torn down after the application object.
-    static DistributedNotificationCenter *const center =
-        new DistributedNotificationCenter(QDBusConnection::sessionBus());
+    static DistributedNotificationCenter *const center = new DistributedNotificationCenter();
     return center;
+}
+
+namespace {
+QString newConnectionName()
+{
+    static std::atomic<int> counter{0};
+    return QStringLiteral("ferrovane-notifications-%1").arg(++counter);
+}
+} // namespace
+
+DistributedNotificationCenter::DistributedNotificationCenter(QObject *parent)
+    : DistributedNotificationCenter(
+          QDBusConnection::connectToBus(QDBusConnection::SessionBus, newConnectionName()), parent)
+{
+    m_ownedConnection = m_bus.name();
 }
 
 DistributedNotificationCenter::DistributedNotificationCenter(const QDBusConnection &bus, QObject *parent)
@@ -46,6 +61,8 @@ DistributedNotificationCenter::~DistributedNotificationCenter()
     if (m_connected)
         m_bus.disconnect(QString(), LinkNames::kBusObjectPath, LinkNames::kBusInterface,
                          LinkNames::kBusSignal, this, SLOT(receive(QString, QString)));
+    if (!m_ownedConnection.isEmpty())
+        QDBusConnection::disconnectFromBus(m_ownedConnection);
 }
 
 void DistributedNotificationCenter::reportNoBus(const QString &reason)

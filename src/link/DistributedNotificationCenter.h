@@ -24,10 +24,14 @@ class DistributedNotificationCenter final : public QObject
 public:
     using Handler = std::function<void(const QString &name, const QString &object)>;
 
-    // The process-wide center on the session bus, created on first use; lives until exit.
+    // The process-wide center, created on first use (on the main thread); lives until exit.
     static DistributedNotificationCenter *defaultCenter();
 
-    // A center on `bus` (tests pass a private connection or a disconnected one).
+    // A center on a session-bus connection of its own, closed with the center.
+    explicit DistributedNotificationCenter(QObject *parent = nullptr);
+    // A center on `bus`. Give it a connection of its own (QDBusConnection::connectToBus): the
+    // shared QDBusConnection::sessionBus() holds incoming signals back until the event loop first
+    // runs and can then deliver them out of order, and stop-then-start must arrive in order.
     explicit DistributedNotificationCenter(const QDBusConnection &bus, QObject *parent = nullptr);
     ~DistributedNotificationCenter() override;
 
@@ -62,6 +66,7 @@ private:
     void reportNoBus(const QString &reason);
 
     QDBusConnection m_bus;
+    QString m_ownedConnection;
     bool m_connected = false;
     std::atomic<bool> m_saidNoBus{false};
     QList<Observation> m_observations;

@@ -229,6 +229,14 @@ public:
     {
         if (!ref || plist_get_node_type(ref) != PLIST_UID)
             return fail(QStringLiteral("Expected an object reference"));
+        // Limits are checked per reference, nil ones included, exactly as the encoder counts, so
+        // whatever decodes can be written again. Shared objects are decoded once per reference;
+        // the value budget bounds the total work.
+        if (depth > KeyedArchive::kMaxDepth)
+            return fail(QStringLiteral("Archive nested deeper than %1 levels").arg(KeyedArchive::kMaxDepth));
+        if (++m_values > KeyedArchive::kMaxValues)
+            return fail(
+                QStringLiteral("Archive expands to more than %1 values").arg(KeyedArchive::kMaxValues));
         uint64_t index = 0;
         plist_get_uid_val(ref, &index);
         if (index == 0)
@@ -265,6 +273,15 @@ private:
         if (!name || plist_get_node_type(name) != PLIST_STRING)
             return std::nullopt;
         return fromPlistString(name);
+    }
+
+    // Names and paths never hold NUL, and such a string could not be written back.
+    std::optional<QVariant> decodeString(plist_t node)
+    {
+        QString text = fromPlistString(node);
+        if (text.contains(QChar(0)))
+            return fail(QStringLiteral("String with a NUL character"));
+        return QVariant(std::move(text));
     }
 
     // NS.objects (or NS.keys) of a collection: an array of references.
@@ -336,7 +353,7 @@ private:
             plist_t text = plist_dict_get_item(object, "NS.string");
             if (!text || plist_get_node_type(text) != PLIST_STRING)
                 return fail(QStringLiteral("String object without NS.string"));
-            return QVariant(fromPlistString(text));
+            return decodeString(text);
         }
         if (*name == u"NSNull")
             return QVariant();
@@ -345,18 +362,12 @@ private:
 
     std::optional<QVariant> decodeObject(uint32_t index, int depth)
     {
-        if (depth > KeyedArchive::kMaxDepth)
-            return fail(QStringLiteral("Archive nested deeper than %1 levels").arg(KeyedArchive::kMaxDepth));
-        // Shared objects are decoded once per reference; the budget bounds the total work.
-        if (++m_values > KeyedArchive::kMaxValues)
-            return fail(
-                QStringLiteral("Archive expands to more than %1 values").arg(KeyedArchive::kMaxValues));
         if (m_inProgress[index])
             return fail(QStringLiteral("Archive object %1 contains itself").arg(index));
         plist_t node = plist_array_get_item(m_objects, index);
         switch (plist_get_node_type(node)) {
         case PLIST_STRING:
-            return QVariant(fromPlistString(node));
+            return decodeString(node);
         case PLIST_UINT: {
             uint64_t number = 0;
             plist_get_uint_val(node, &number);

@@ -1,3 +1,4 @@
+#include "LinkTestUtil.h"
 #include "common/TestUtil.h"
 #include "link/DistributedNotificationCenter.h"
 #include "link/LinkNames.h"
@@ -29,7 +30,7 @@ void collectLog(const QString &line)
 TEST(DistributedNotifications, OwnPostsReachObserversByName)
 {
     REQUIRE_SESSION_BUS();
-    DistributedNotificationCenter center(QDBusConnection::sessionBus());
+    DistributedNotificationCenter center;
     ASSERT_TRUE(center.isConnected());
 
     QObject port, all;
@@ -66,7 +67,6 @@ TEST(DistributedNotifications, OwnPostsReachObserversByName)
     ASSERT_TRUE(TestUtil::waitFor([&] { return allSeen.size() >= 3; }));
     EXPECT_EQ(portSeen.size(), 1);
     center.removeObserver(&all);
-    ASSERT_TRUE(center.postNotificationName(LinkNames::kTestNotification));
 
     // The Qt signal sees everything, without any observer.
     Seen signalSeen;
@@ -74,18 +74,38 @@ TEST(DistributedNotifications, OwnPostsReachObserversByName)
                      [&](const QString &n, const QString &o) {
                          signalSeen.append({n, o});
                      });
+    ASSERT_TRUE(center.postNotificationName(LinkNames::kTestNotification));
     ASSERT_TRUE(
         center.postNotificationName(LinkNames::kDemonStartListener, QStringLiteral("/home/u/CloudFolder")));
-    ASSERT_TRUE(TestUtil::waitFor([&] { return !signalSeen.isEmpty(); }));
-    EXPECT_EQ(signalSeen.last(),
-              qMakePair(LinkNames::kDemonStartListener, QStringLiteral("/home/u/CloudFolder")));
+    ASSERT_TRUE(TestUtil::waitFor([&] { return signalSeen.size() >= 2; }));
+    EXPECT_EQ(signalSeen, (Seen{{LinkNames::kTestNotification, QString()},
+                                {LinkNames::kDemonStartListener, QStringLiteral("/home/u/CloudFolder")}}));
     EXPECT_EQ(allSeen.size(), 3);
+}
+
+TEST(DistributedNotifications, PostsArriveInTheOrderTheyWereSent)
+{
+    // Stop-then-start must not turn into start-then-stop, also right after a center is made.
+    REQUIRE_SESSION_BUS();
+    DistributedNotificationCenter receiver;
+    DistributedNotificationCenter sender;
+    QObject observer;
+    QStringList seen;
+    receiver.addObserver(
+        &observer, [&](const QString &n, const QString &) { seen.append(n); }, QString());
+    QStringList sent{LinkNames::kDemonStopListener, LinkNames::kDemonStartListener};
+    for (int i = 0; i < 40; ++i)
+        sent.append(QString::number(i));
+    for (const QString &name : sent)
+        ASSERT_TRUE(sender.postNotificationName(name));
+    ASSERT_TRUE(TestUtil::waitFor([&] { return seen.size() >= sent.size(); }));
+    EXPECT_EQ(seen, sent);
 }
 
 TEST(DistributedNotifications, OtherProcessesSeeOurPostsAndWeSeeTheirs)
 {
     REQUIRE_SESSION_BUS();
-    DistributedNotificationCenter center(QDBusConnection::sessionBus());
+    DistributedNotificationCenter center;
     QObject observer;
     Seen seen;
     center.addObserver(

@@ -287,6 +287,12 @@ TEST(KeyedArchive, RejectsMalformedArchivesWithAReason)
         add("top level not a dictionary", LinkTestUtil::toBinary(array));
         plist_free(array);
     }
+    {
+        // Non-ASCII strings are stored as UTF-16, where a NUL survives parsing.
+        QByteArray withNul = *KeyedArchive::archivedDataWithRootObject(QStringLiteral("a#文"));
+        withNul[withNul.indexOf(QByteArray("\0#", 2)) + 1] = '\0';
+        add("string with a NUL character", withNul);
+    }
     add("empty", QByteArray());
     add("text", QByteArray("00042 hello"));
     add("XML property list", QByteArray("<?xml version=\"1.0\"?><plist><dict/></plist>"));

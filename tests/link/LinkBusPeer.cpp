@@ -14,7 +14,7 @@ int main(int argc, char **argv)
     const QStringList args = app.arguments();
     if (args.size() < 3)
         return 64;
-    DistributedNotificationCenter center(QDBusConnection::sessionBus());
+    DistributedNotificationCenter center;
     if (!center.isConnected())
         return 3;
     const QString name = args[2];

@@ -1,0 +1,42 @@
+// Feeds arbitrary bytes to both frame readers. The stream handler reads the whole input in one
+// wake-up; the frame buffer gets it in pieces whose sizes come from the input itself. Both must
+// give the same bodies, and each body framed again must read back as itself.
+#include "link/MessageFraming.h"
+
+#include <QBuffer>
+#include <cstdint>
+#include <cstdlib>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    const QByteArray bytes(reinterpret_cast<const char *>(data), qsizetype(size));
+    QBuffer device;
+    device.setData(bytes);
+    device.open(QIODevice::ReadOnly);
+    const QList<QByteArray> whole = MessageFraming::readMessages(device);
+
+    MessageFraming::FrameBuffer buffer;
+    QList<QByteArray> pieces;
+    uint32_t seed = size ? data[0] : 1;
+    for (qsizetype pos = 0; pos < bytes.size();) {
+        seed = seed * 1103515245u + 12345u;
+        const qsizetype n = 1 + qsizetype((seed >> 8) % 1500);
+        pieces += buffer.append(bytes.mid(pos, n));
+        pos += n;
+    }
+    pieces += buffer.finish();
+    if (pieces != whole || buffer.pending() != 0)
+        std::abort();
+
+    for (const QByteArray &body : whole) {
+        const auto framed = MessageFraming::frame(body);
+        if (!framed)
+            std::abort();
+        QBuffer again;
+        again.setData(*framed);
+        again.open(QIODevice::ReadOnly);
+        if (MessageFraming::readMessages(again) != QList<QByteArray>{body})
+            std::abort();
+    }
+    return 0;
+}
