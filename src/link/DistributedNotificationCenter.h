@@ -39,7 +39,7 @@ public:
     bool isConnected() const { return m_connected; }
 
     // Posts (name, object) to every listener on the bus. An absent object is the empty string.
-    // Returns false (after a diagnostic) when there is no bus or the message could not be sent.
+    // Returns false when there is no bus (reported once) or the message could not be sent (reported).
     bool postNotificationName(const QString &name, const QString &object = {});
 
     // Calls `selector` for every notification called `name` until removeObserver or until
