@@ -7,6 +7,7 @@ std::optional<Fault::Kind> Fault::kindFromName(const QString &name)
         const char *name;
         Kind kind;
     } names[] = {{"drop", Kind::Drop},
+                 {"cut-reply", Kind::CutReply},
                  {"drop-after", Kind::DropAfterProcessing},
                  {"status", Kind::HttpStatus},
                  {"body", Kind::Body},

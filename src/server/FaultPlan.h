@@ -13,13 +13,19 @@
 struct Fault
 {
     enum class Kind {
-        Drop,                // close the connection without answering; the request is not carried out
-        DropAfterProcessing, // carry the request out, then close without answering (a lost reply)
-        HttpStatus,          // answer with `status` and a short text body
-        Body,                // answer 200 with `body` as it is (a non-XML reply such as "-3" or "-2")
-        Delay,               // wait `delayMs` (real time) before handling the request normally
-        RefuseUpload,        // UPLOAD: read and discard the body, answer "Velmora-result" = `result`
-        CutDownload,         // DOWNLOAD: announce the full length, send `bytes` bytes, close
+        // Close the connection without a byte of answer; the request is not carried out. A client on
+        // QNetworkAccessManager re-sends such a request up to three times on its own (each re-send
+        // is another request here and takes another count).
+        Drop,
+        // Not carried out; the answer breaks off after its head, so clients do not re-send.
+        CutReply,
+        // Carried out; the answer breaks off after its head (a reply lost on the way).
+        DropAfterProcessing,
+        HttpStatus,   // answer with `status` and a short text body
+        Body,         // answer 200 with `body` as it is (a non-XML reply such as "-3" or "-2")
+        Delay,        // wait `delayMs` (real time) before handling the request normally
+        RefuseUpload, // UPLOAD: read and discard the body, answer "Velmora-result" = `result`
+        CutDownload,  // DOWNLOAD: announce the full length, send `bytes` bytes, close
     };
     Kind kind = Kind::Drop;
     QString command;

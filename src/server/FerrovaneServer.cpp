@@ -286,6 +286,15 @@ void FerrovaneServer::dropReplies(const QString &command, int count)
     addFault(fault);
 }
 
+void FerrovaneServer::cutReplies(const QString &command, int count)
+{
+    Fault fault;
+    fault.kind = Fault::Kind::CutReply;
+    fault.command = command;
+    fault.count = count;
+    addFault(fault);
+}
+
 void FerrovaneServer::dropRepliesAfterProcessing(const QString &command, int count)
 {
     Fault fault;

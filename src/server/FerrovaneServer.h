@@ -84,8 +84,14 @@ public:
 
     // Faults for the next `count` requests of `command` (LOGIN ... INFO, UPLOAD, DOWNLOAD, UPDATE,
     // PACKAGE, or "*" for any).
-    void dropReplies(const QString &command, int count = 1);                // close, request not carried out
-    void dropRepliesAfterProcessing(const QString &command, int count = 1); // carried out, answer lost
+    // Close without a byte of answer, request not carried out. QNetworkAccessManager re-sends such a
+    // request up to 3 times by itself, and each re-send takes a count: drop 4 to fail one call of a
+    // client whose connection had just answered successfully; cutReplies fails exactly one call.
+    void dropReplies(const QString &command, int count = 1);
+    // Not carried out; the answer breaks off after its head, so no client re-sends it.
+    void cutReplies(const QString &command, int count = 1);
+    // Carried out; the answer breaks off after its head (the reply is lost on the way).
+    void dropRepliesAfterProcessing(const QString &command, int count = 1);
     void failWithStatus(const QString &command, int status = 500, int count = 1);
     void replyWithBody(const QString &command, const QByteArray &body, int count = 1); // e.g. "-3", "-2"
     void delayReplies(const QString &command, int milliseconds, int count = 1);

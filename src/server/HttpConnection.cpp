@@ -485,6 +485,20 @@ void HttpConnection::drop()
     deleteLater();
 }
 
+void HttpConnection::breakOff()
+{
+    if (m_state != State::Processing)
+        return;
+    resetRequest();
+    m_state = State::Closing;
+    m_idle.start();
+    // A complete head promising a body that never comes: clients take this as a broken answer and,
+    // having received something, do not send the request again on their own.
+    m_socket->write("HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 64\r\n"
+                    "Connection: close\r\n\r\n");
+    m_socket->disconnectFromHost();
+}
+
 void HttpConnection::onDisconnected()
 {
     if (m_state == State::Closed)

@@ -74,6 +74,8 @@ public:
                      qint64 cutAfter = -1);
     // Closes at once without answering.
     void drop();
+    // Writes the head of an answer whose body never comes, then closes: a reply broken on the way.
+    void breakOff();
     bool isClosed() const { return m_state == State::Closed; }
 
     static QByteArray reasonPhrase(int status);

@@ -155,6 +155,9 @@ bool ServerWorker::applyFault(HttpConnection *connection, HttpRequest &request, 
     case Fault::Kind::Drop:
         connection->drop();
         return true;
+    case Fault::Kind::CutReply:
+        connection->breakOff();
+        return true;
     case Fault::Kind::DropAfterProcessing:
         handle(connection, request, context, true);
         return true;
@@ -195,7 +198,7 @@ void ServerWorker::handle(HttpConnection *connection, HttpRequest &request, cons
         }
         const CommandReply reply = m_backend.commands.process(request.body);
         if (dropReply)
-            connection->drop();
+            connection->breakOff();
         else
             connection->respond(reply.status, {{"Content-Type", reply.contentType}}, reply.body);
         return;
@@ -205,7 +208,7 @@ void ServerWorker::handle(HttpConnection *connection, HttpRequest &request, cons
         return;
     case Context::Kind::Download:
         if (dropReply)
-            connection->drop();
+            connection->breakOff();
         else
             handleDownload(connection, request, context, -1);
         return;
@@ -244,7 +247,7 @@ void ServerWorker::handleUpload(HttpConnection *connection, HttpRequest &request
     if (code != ResultCode::Done)
         FV_LOG(QStringLiteral("Upload of key %1 refused: %2").arg(context.key).arg(code));
     if (dropReply) {
-        connection->drop();
+        connection->breakOff();
         return;
     }
     // "0" is the one answer that means stored.
