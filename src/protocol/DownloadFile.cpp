@@ -1,10 +1,10 @@
 #include "protocol/DownloadFile.h"
 
 #include "RestLibrary/NetworkAccess.h"
+#include "protocol/Md5Digest.h"
 #include "protocol/TransferState.h"
 #include "util/Log.h"
 
-#include <QCryptographicHash>
 #include <QFile>
 #include <QFileInfo>
 #include <QNetworkAccessManager>
@@ -23,7 +23,7 @@ class DownloadConnection final : public QObject
 {
 public:
     DownloadConnection(std::shared_ptr<TransferState> state, QString savePath)
-        : m_state(std::move(state)), m_savePath(std::move(savePath)), m_digest(QCryptographicHash::Md5)
+        : m_state(std::move(state)), m_savePath(std::move(savePath))
     {}
     ~DownloadConnection() override { close(); }
 
@@ -50,7 +50,7 @@ public:
     }
 
     // The digest of everything written (of nothing when no byte came).
-    QString md5() const { return QString::fromLatin1(m_digest.result().toHex()); }
+    QString md5() const { return m_digest.hexResult(); }
 
 private:
     void didReceiveResponse()
@@ -58,6 +58,8 @@ private:
         if (m_responded || !m_connection)
             return;
         m_responded = true;
+        // Again now: the network thread drops a limit that reaches it before its reply exists.
+        m_connection->setReadBufferSize(kReadBufferSize);
         QStringList fields;
         for (const auto &[name, value] : m_connection->rawHeaderPairs())
             fields << QString::fromUtf8(name + ": " + value);
@@ -131,7 +133,7 @@ private:
     QString m_savePath;
     QNetworkReply *m_connection = nullptr;
     QFile m_fileHandler;
-    QCryptographicHash m_digest;
+    Md5Digest m_digest;
     QByteArray m_chunk;
     bool m_responded = false;
 };

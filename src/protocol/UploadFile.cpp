@@ -1,10 +1,10 @@
 #include "protocol/UploadFile.h"
 
 #include "RestLibrary/NetworkAccess.h"
+#include "protocol/Md5Digest.h"
 #include "protocol/TransferState.h"
 #include "util/Log.h"
 
-#include <QCryptographicHash>
 #include <QFile>
 #include <QFileInfo>
 #include <QNetworkAccessManager>
@@ -228,14 +228,14 @@ QString UploadFile::getMD5OfFileAtPath(const QString &path)
         return {};
     constexpr qint64 kChunk = 1024 * 1024;
     QByteArray chunk(kChunk, Qt::Uninitialized);
-    QCryptographicHash digest(QCryptographicHash::Md5);
+    Md5Digest digest;
     for (;;) {
         const qint64 got = file.read(chunk.data(), kChunk);
         if (got <= 0)
             break;
         digest.addData(QByteArrayView(chunk.constData(), got));
     }
-    return QString::fromLatin1(digest.result().toHex());
+    return digest.hexResult();
 }
 
 bool UploadFile::isDone() const
