@@ -12,21 +12,40 @@
 
 #include "catalogue/ManagedObjectContext.h"
 #include "catalogue/Records.h"
+#include "util/FvError.h"
+#include "util/LogObject.h"
 
+#include <QDateTime>
+#include <QPointer>
 #include <QString>
+#include <QStringList>
 #include <QTimeZone>
 #include <QVariant>
+#include <QVariantMap>
 #include <atomic>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 
 class AppServices;
+class CommandTransport;
+class GDataXMLDocument;
 class QThread;
 class QTimer;
 
-class DatabaseUtils final
+class DatabaseUtils final : public std::enable_shared_from_this<DatabaseUtils>
 {
 public:
+    using ContextPtr = std::shared_ptr<ManagedObjectContext>;
+    // Item record: the fields of one folder or file, in this order.
+    enum ItemField { ItemName = 0, ItemSize = 1, ItemMd5 = 2, ItemKey = 3, ItemPKey = 4, ItemPath = 5 };
+    // Change verdicts of checkFileIsModifierWithPath.
+    enum Verdict { Unchanged = 1, Missing = 2, ChangedLocally = 3, OlderThanServer = 4 };
+    // Result of a task command that met a reply which is not XML ("Error read xml"): the run ends
+    // and the task stays. Never a server code (those are small).
+    static constexpr int kErrorReadXml = -1000000;
+
     static std::shared_ptr<DatabaseUtils> instance();
     static void destroy();
     ~DatabaseUtils();
@@ -81,8 +100,143 @@ public:
     std::optional<QTimeZone> localTimeZone() const { return m_localTimeZone; }
     void setLocalTimeZone(const std::optional<QTimeZone> &zone) { m_localTimeZone = zone; }
 
+    // --- Queries (first match or null; lists empty when nothing matches or the fetch fails) ---
+    // Main-context forms run on the main thread (they wait for it when called from elsewhere).
+    DirectoryPtr getDirectoryWithKey(const QString &key);
+    DirectoryPtr getDirectoryWithKey(const QString &key, const ContextPtr &context);
+    FilePtr getFileWithKey(const QString &key);
+    FilePtr getFileWithKey(const QString &key, const ContextPtr &context);
+    DirectoryPtr getDirectoryWithPath(const QString &path);
+    DirectoryPtr getDirectoryWithPath(const QString &path, const ContextPtr &context);
+    FilePtr getFileWithPath(const QString &path);
+    FilePtr getFileWithPath(const QString &path, const ContextPtr &context);
+    FilePtr getFileWithKey(const QString &key, const QString &path);
+    FilePtr getFileWithKey(const QString &key, const QString &path, const ContextPtr &context);
+    // The catalogued folder / file that a local item at a new place used to be (by time and name;
+    // for files also by content).
+    DirectoryPtr getDirectoryWithNewPath(const QString &path, const ContextPtr &context);
+    FilePtr getFileWithNewPath(const QString &path, const ContextPtr &context);
+    // Rows below the path (case- and diacritic-insensitive).
+    QList<DirectoryPtr> getDirectoryContainPath(const QString &path, const ContextPtr &context);
+    QList<FilePtr> getFileContainPath(const QString &path, const ContextPtr &context);
+    QList<DirectoryPtr> getAllDirectoryWithManagedObjectContext(const ContextPtr &context);
+    QList<FilePtr> getAllFileWithPKey(const QString &pkey, const ContextPtr &context);
+    TaskPtr getTaskWithPath(const QString &path, const ContextPtr &context);
+    QList<TaskPtr> getAllTaskWithPath(const QString &path, const ContextPtr &context);
+
+    // --- Changes that come from the server (item records) ---
+    // The insert operations return false when an unreadable reply ("Error read xml") ended them.
+    bool insertDir(const QStringList &record);
+    bool insertDir(const QStringList &record, const ContextPtr &context);
+    bool insertDirNoCreate(const QStringList &record, const ContextPtr &context);
+    bool insertFile(const QStringList &record);
+    bool insertFile(const QStringList &record, const ContextPtr &context);
+    void deleteDirectory(const QString &key);
+    void deleteDirectory(const QString &key, const ContextPtr &context);
+    void deleteFile(const QString &key);
+    void deleteFile(const QString &key, const ContextPtr &context);
+    void renameDirectory(const QStringList &record);
+    void renameDirectory(const QStringList &record, const ContextPtr &context);
+    void renameFile(const QStringList &record);
+    void renameFile(const QStringList &record, const ContextPtr &context);
+    void moveDirectory(const QStringList &record, const ContextPtr &context);
+    void moveFile(const QStringList &record, const ContextPtr &context);
+    void changePathOfDirectory(const QString &newPath, const QString &oldPath, const ContextPtr &context);
+    void changePathOfFile(const QString &newPath, const QString &oldPath, const ContextPtr &context);
+    void deleteDirectoryContainsPath(const QString &path, const ContextPtr &context);
+    void deleteFileContainsPath(const QString &path, const ContextPtr &context);
+    // Queue a delete task for every row whose parent key is `pkey`.
+    void deleteAllDirectoryWithPKey(const QString &pkey, const ContextPtr &context);
+    void deleteAllFileWithPKey(const QString &pkey, const ContextPtr &context);
+    void setTimeModifierForDirectoryAtPath(const QString &path, const QDateTime &time);
+    void setTimeModifierForDirectoryAtPath(const QString &path);
+    void deleteAllObjectOfEntity(const QString &entityName);
+
+    // --- Tasks ---
+    // Admits a local change (keys kKeyTaskType, kKeyTaskName, kKeyTaskPath, kKeyTaskNewPath,
+    // kKeyTaskTime, kKeyTaskFolder) as a Task row, then asks the worker for a run. Returns the new
+    // row (its type possibly rewritten) or null when the change was filtered out.
+    TaskPtr addTaskWithDictionary(const QVariantMap &dictionary, const ContextPtr &context);
+    // Asks syncThread (without waiting) to run doTask. checkTask only calls it.
+    void checkAndRunTask();
+    void checkTask();
+    // One run over the stored tasks, oldest first. Call on syncThread.
+    void doTask();
+    // The task commands; results: 1 done, -1 skipped, -5 unknown or cancelled, -6 retry later,
+    // kErrorReadXml, or a server code of a PUT.
+    int uploadFile(const TaskPtr &task, const ContextPtr &context);
+    int renameTask(const TaskPtr &task, const ContextPtr &context);
+    int deleteTask(const TaskPtr &task, const ContextPtr &context);
+    int moveTask(const TaskPtr &task, const ContextPtr &context);
+    // Fetches one file into `path` (blocking; worker threads only). `md5_p` receives the digest.
+    bool downloadFileTo(const QString &path, const QString &name, QString *md5_p, const QString &key,
+                        const QString &serverTime);
+    bool downloadTask(const FilePtr &task, const ContextPtr &context);
+    void statusBarAnimation();
+    void stopBarAnimation();
+    static void postLogFromSync(const LogObject &log);
+    static void postLogFromServer(const LogObject &log);
+
+    // --- Server time ---
+    void createDateFormat();
+    QString localTimeToServerTime(const QDateTime &date);
+    QString localTimeFromDate(const QDateTime &date);
+    QDateTime serverTimeToLocalTime(const QString &serverTime);
+    QString serverTimeToLocalTimeStr(const QString &serverTime);
+    QString serverTimeOfFileAtPath(const QString &path);
+    QDateTime serverTimeNSDateOfFileAtPath(const QString &path);
+    static QString getDateServerFromDate(const QDateTime &date);
+    // The server clock (SERVERTIME), null when nothing usable came back.
+    QString getServerID();
+    void updateLastCheckWithCurrentTimeOfServer(const ContextPtr &context);
+    // INFO through the common transport; null on no reply or an unreadable one (`error` set then).
+    std::shared_ptr<GDataXMLDocument> getInfoOfItemWithKey(const QString &key, FvError *error = nullptr);
+    // INFO on its own connection, resent until a reply comes. The item's NAME, PATH, TIME, SIZE,
+    // MEMO, PRIV, TAG, DESC, OWNER (null strings where absent; empty list when the reply names no
+    // item). nullopt when cancelled, or with `error` set when the reply was not XML.
+    std::optional<QStringList> getInfomationOfItemWithKey(const QString &key, FvError *error = nullptr);
+    int checkFileIsModifierWithPath(const QString &path, const QString &timeCompare,
+                                    const QString &md5Compare);
+    QList<DirectoryPtr> getAllDirectoryChangedWithManagedObjectContext(const ContextPtr &context);
+
+    // --- Command transport ---
+    struct CommandReply
+    {
+        std::shared_ptr<GDataXMLDocument> document; // null: nothing came back, or not XML
+        bool unreadable = false;                    // a reply came that is not XML ("Error read xml")
+    };
+    // Posts a command body (UTF-8) to the command endpoint of the configured domain.
+    CommandReply sentRequestWithBody(const QString &body);
+    // The transport under the command senders (default: RestClient). Replaceable, e.g. by a local
+    // answerer; null restores the default.
+    void setTransport(const std::shared_ptr<CommandTransport> &transport);
+
+    // The sync folder: path(), else the configured "kKeyPath", else the account record's path.
+    QString syncFolderPath(const ContextPtr &context = nullptr);
+    // Texts shown to the user are looked up through this (default: the key itself).
+    static void setLocalizer(const std::function<QString(const QString &)> &lookup);
+    static QString localizedString(const QString &key);
+
 private:
     DatabaseUtils();
+
+    // Runs `job` on the main thread and waits; runs it directly when already there.
+    static void onMainThread(const std::function<void()> &job);
+    ContextPtr mainContext();
+    ContextPtr ownContext();
+    bool saveContext(const ContextPtr &context, const QString &format);
+    void saveMainContext();
+    bool insertDirectoryRow(const QStringList &record, const ContextPtr &context, bool create);
+    void removeItem(const QString &key, bool folder, const ContextPtr &context, bool toTrash);
+    void renameItem(const QStringList &record, bool folder, const ContextPtr &context);
+    void moveItem(const QStringList &record, bool folder, const ContextPtr &context);
+    void changePathOfItems(const QString &newPath, const QString &oldPath, bool folders,
+                           const ContextPtr &context);
+    void deleteItemsWithPKey(const QString &pkey, bool folders, const ContextPtr &context);
+    void runTasks(const ContextPtr &context);
+    int runOneTask(const TaskPtr &task, const ContextPtr &context, bool *restart);
+    QByteArray postToServer(const QString &url, const QString &body);
+    QString timeZoneText();
 
     AppServices *m_appDelegate = nullptr;
     std::atomic<bool> m_alive{false};
@@ -97,4 +251,10 @@ private:
     QString m_localDateFormat;
     std::optional<QTimeZone> m_serverTimeZone;
     std::optional<QTimeZone> m_localTimeZone;
+
+    std::recursive_mutex m_timeLock; // guards the lazily made time-zone state
+    std::mutex m_runnerLock;
+    QPointer<QObject> m_runner; // lives on syncThread; receives the queued task runs
+    std::mutex m_transportLock;
+    std::shared_ptr<CommandTransport> m_transport;
 };

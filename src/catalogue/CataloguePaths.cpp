@@ -1,0 +1,157 @@
+#include "catalogue/CataloguePaths.h"
+
+#include "util/Log.h"
+
+#include <QDir>
+#include <QFile>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace CataloguePaths {
+
+namespace {
+
+bool isClean(const QString &path)
+{
+    if (path.isEmpty() || !path.startsWith(u'/') || path.contains(QChar(0)))
+        return false;
+    return QDir::cleanPath(path) == path;
+}
+
+} // namespace
+
+bool isSafeName(const QString &name)
+{
+    return !name.isEmpty() && name != u"." && name != u".." && !name.contains(u'/') &&
+           !name.contains(QChar(0));
+}
+
+bool isInside(const QString &path, const QString &root)
+{
+    if (!isClean(path) || !isClean(root))
+        return false;
+    if (root == u"/")
+        return path.size() > 1;
+    return path.size() > root.size() + 1 && path.startsWith(root) && path[root.size()] == u'/';
+}
+
+bool checkInside(const QString &path, const QString &root, const QString &what)
+{
+    if (isInside(path, root))
+        return true;
+    QString shown = path;
+    shown.replace(QChar(0), QStringLiteral("\\0"));
+    FV_LOG(QStringLiteral("%1 outside the sync folder skipped: %2").arg(what, shown));
+    return false;
+}
+
+bool checkName(const QString &name, const QString &what)
+{
+    if (isSafeName(name))
+        return true;
+    QString shown = name;
+    shown.replace(QChar(0), QStringLiteral("\\0"));
+    FV_LOG(QStringLiteral("%1 with an unusable name skipped: \"%2\"").arg(what, shown));
+    return false;
+}
+
+QString lastPathComponent(const QString &path)
+{
+    QString trimmed = path;
+    while (trimmed.size() > 1 && trimmed.endsWith(u'/'))
+        trimmed.chop(1);
+    if (trimmed == u"/")
+        return trimmed;
+    const qsizetype slash = trimmed.lastIndexOf(u'/');
+    return slash < 0 ? trimmed : trimmed.mid(slash + 1);
+}
+
+QString deletingLastPathComponent(const QString &path)
+{
+    QString trimmed = path;
+    while (trimmed.size() > 1 && trimmed.endsWith(u'/'))
+        trimmed.chop(1);
+    const qsizetype slash = trimmed.lastIndexOf(u'/');
+    if (slash < 0)
+        return QStringLiteral("");
+    if (slash == 0)
+        return QStringLiteral("/");
+    return trimmed.left(slash);
+}
+
+QString relativePath(const QString &path, const QString &root)
+{
+    if (root.isEmpty())
+        return path;
+    QString relative = path;
+    relative.replace(root, QString());
+    return relative;
+}
+
+bool itemExists(const QString &path, bool *isFolder)
+{
+    if (isFolder)
+        *isFolder = false;
+    if (path.isEmpty() || path.contains(QChar(0)))
+        return false;
+    struct stat info;
+    const QByteArray native = QFile::encodeName(path);
+    if (::stat(native.constData(), &info) == 0) {
+        if (isFolder)
+            *isFolder = S_ISDIR(info.st_mode);
+        return true;
+    }
+    return ::lstat(native.constData(), &info) == 0;
+}
+
+QDateTime modificationDate(const QString &path)
+{
+    struct stat info;
+    if (path.isEmpty() || path.contains(QChar(0)) || ::stat(QFile::encodeName(path).constData(), &info) != 0)
+        return {};
+    const qint64 ms = qint64(info.st_mtim.tv_sec) * 1000 + info.st_mtim.tv_nsec / 1000000;
+    return QDateTime::fromMSecsSinceEpoch(ms);
+}
+
+bool moveItem(const QString &from, const QString &to, QString *error)
+{
+    if (from.contains(QChar(0)) || to.contains(QChar(0))) {
+        if (error)
+            *error = QStringLiteral("unusable path");
+        return false;
+    }
+    if (::renameat2(AT_FDCWD, QFile::encodeName(from).constData(), AT_FDCWD,
+                    QFile::encodeName(to).constData(), RENAME_NOREPLACE) != 0) {
+        if (error)
+            *error =
+                QStringLiteral("%1 -> %2: %3").arg(from, to, QString::fromLocal8Bit(std::strerror(errno)));
+        return false;
+    }
+    return true;
+}
+
+bool setModificationDate(const QString &path, const QDateTime &date, QString *error)
+{
+    if (!date.isValid() || path.contains(QChar(0))) {
+        if (error)
+            *error = QStringLiteral("no usable date or path");
+        return false;
+    }
+    const qint64 ms = date.toMSecsSinceEpoch();
+    struct timespec times[2];
+    times[0].tv_sec = 0;
+    times[0].tv_nsec = UTIME_OMIT;
+    times[1].tv_sec = time_t(ms >= 0 ? ms / 1000 : -((-ms + 999) / 1000));
+    times[1].tv_nsec = long((ms - qint64(times[1].tv_sec) * 1000) * 1000000);
+    if (::utimensat(AT_FDCWD, QFile::encodeName(path).constData(), times, 0) != 0) {
+        if (error)
+            *error = QString::fromLocal8Bit(std::strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+} // namespace CataloguePaths

@@ -1,0 +1,509 @@
+// DatabaseUtils: changes that come from the server, applied to the catalogue and the sync folder.
+//
+// Every name and path taken from an item record is checked before the disk is touched: anything
+// that would leave the sync folder is skipped with a diagnostic line (CataloguePaths).
+#include "catalogue/CataloguePaths.h"
+#include "catalogue/DatabaseUtils.h"
+#include "util/AppServices.h"
+#include "util/Log.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QThread>
+
+namespace {
+
+bool isMainThread()
+{
+    QCoreApplication *app = QCoreApplication::instance();
+    return !app || QThread::currentThread() == app->thread();
+}
+
+QString field(const QStringList &record, int index)
+{
+    return record.value(index);
+}
+
+std::optional<qint64> integerValue(const QString &text)
+{
+    if (text.isNull())
+        return std::nullopt;
+    bool ok = false;
+    const qint64 value = text.trimmed().toLongLong(&ok);
+    return ok ? value : 0;
+}
+
+qint64 sizeOf(const CatalogueItem &row, bool folder)
+{
+    return folder ? -1 : row.size().toLongLong();
+}
+
+} // namespace
+
+// --- Insert ---
+
+bool DatabaseUtils::insertDirectoryRow(const QStringList &record, const ContextPtr &context, bool create)
+{
+    if (!context)
+        return true;
+    if (record.size() < 6) {
+        FV_LOG(QStringLiteral("Folder record with %1 field(s) skipped").arg(record.size()));
+        return true;
+    }
+    const QString path = field(record, ItemPath);
+    if (!CataloguePaths::checkName(field(record, ItemName), QStringLiteral("Folder")) ||
+        !CataloguePaths::checkName(CataloguePaths::lastPathComponent(path), QStringLiteral("Folder")) ||
+        !CataloguePaths::checkInside(path, syncFolderPath(context), QStringLiteral("Folder")))
+        return true;
+    const QString key = field(record, ItemKey);
+    if (getDirectoryWithKey(key, context))
+        return true; // one row per key, whatever its path
+
+    const DirectoryPtr row = context->insertNewObject<Directory>();
+    row->setName(field(record, ItemName));
+    row->setSize(QStringLiteral("-1"));
+    row->setMd5(QStringLiteral(""));
+    row->setKey(key);
+    row->setPkey(field(record, ItemPKey));
+    row->setPath(path);
+
+    FvError error;
+    const std::optional<QStringList> info = getInfomationOfItemWithKey(key, &error);
+    if (!info && !error.isNull()) {
+        context->deleteObject(row); // the unsaved row goes with the failed operation
+        return false;
+    }
+    if (info && !info->isEmpty()) {
+        row->setTime(info->value(2));
+        row->setMemo(integerValue(info->value(4)));
+        row->setPriv(info->value(5));
+        row->setTag(info->value(6));
+        row->setDesc(info->value(7));
+        row->setOwner(info->value(8));
+    }
+    if (create) {
+        if (!QDir().mkpath(path))
+            FV_LOG(QStringLiteral("Cannot create path: %1").arg(path));
+        if (CataloguePaths::setModificationDate(path, serverTimeToLocalTime(row->time())))
+            FV_LOG(QStringLiteral("Set attribute for folder: %1").arg(path));
+    }
+    saveContext(context, QStringLiteral("%1"));
+    return true;
+}
+
+bool DatabaseUtils::insertDir(const QStringList &record)
+{
+    // Off the main thread the calling thread's own context stands in for the main one.
+    if (!isMainThread())
+        return insertDir(record, ownContext());
+    return insertDir(record, mainContext());
+}
+
+bool DatabaseUtils::insertDir(const QStringList &record, const ContextPtr &context)
+{
+    return insertDirectoryRow(record, context, true);
+}
+
+bool DatabaseUtils::insertDirNoCreate(const QStringList &record, const ContextPtr &context)
+{
+    return insertDirectoryRow(record, context, false);
+}
+
+bool DatabaseUtils::insertFile(const QStringList &record)
+{
+    if (!isMainThread())
+        return insertFile(record, ownContext());
+    return insertFile(record, mainContext());
+}
+
+bool DatabaseUtils::insertFile(const QStringList &record, const ContextPtr &context)
+{
+    if (!context)
+        return true;
+    if (record.size() < 6) {
+        FV_LOG(QStringLiteral("File record with %1 field(s) skipped").arg(record.size()));
+        return true;
+    }
+    const QString path = field(record, ItemPath);
+    if (!CataloguePaths::checkName(field(record, ItemName), QStringLiteral("File")) ||
+        !CataloguePaths::checkName(CataloguePaths::lastPathComponent(path), QStringLiteral("File")) ||
+        !CataloguePaths::checkInside(path, syncFolderPath(context), QStringLiteral("File")))
+        return true;
+    // Made unconditionally; where the file already is, this does nothing.
+    QDir().mkpath(path);
+
+    const QString key = field(record, ItemKey);
+    FilePtr row = getFileWithKey(key, context);
+    const bool isNew = !row;
+    if (isNew)
+        row = context->insertNewObject<File>();
+    row->setName(field(record, ItemName));
+    row->setSize(field(record, ItemSize));
+    row->setMd5(field(record, ItemMd5));
+    row->setKey(key);
+    row->setPkey(field(record, ItemPKey));
+    row->setPath(path);
+
+    FvError error;
+    const std::optional<QStringList> info = getInfomationOfItemWithKey(key, &error);
+    if (!info && !error.isNull()) {
+        if (isNew)
+            context->deleteObject(row);
+        return false;
+    }
+    if (info && !info->isEmpty()) {
+        if (CataloguePaths::itemExists(path) &&
+            !CataloguePaths::setModificationDate(path, serverTimeToLocalTime(info->value(2))))
+            FV_LOG(QStringLiteral("Set attribute for file: %1").arg(path));
+        row->setTime(info->value(2));
+        if (!info->value(3).isNull())
+            row->setSize(info->value(3));
+        row->setMemo(integerValue(info->value(4)));
+        row->setPriv(info->value(5));
+        row->setTag(info->value(6));
+        row->setDesc(info->value(7));
+        row->setOwner(info->value(8));
+    }
+    saveContext(context, QStringLiteral("%1"));
+    return true;
+}
+
+// --- Delete ---
+
+void DatabaseUtils::removeItem(const QString &key, bool folder, const ContextPtr &context, bool toTrash)
+{
+    if (!context)
+        return;
+    const std::shared_ptr<CatalogueItem> row =
+        folder ? std::shared_ptr<CatalogueItem>(getDirectoryWithKey(key, context))
+               : std::shared_ptr<CatalogueItem>(getFileWithKey(key, context));
+    if (!row)
+        return;
+    const QString path = row->path();
+    const QString root = syncFolderPath(context);
+    if (!CataloguePaths::checkInside(path, root, folder ? QStringLiteral("Folder") : QStringLiteral("File")))
+        return;
+
+    if (!toTrash) {
+        const bool removed = folder ? QDir(path).removeRecursively() : QFile::remove(path);
+        if (!removed && CataloguePaths::itemExists(path))
+            FV_LOG(QStringLiteral("Cannot remove %1").arg(path));
+        context->deleteObject(row);
+        saveMainContext();
+        return;
+    }
+
+    if (CataloguePaths::itemExists(path)) {
+        QString inTrash;
+        if (!QFile::moveToTrash(path, &inTrash))
+            FV_LOG(QStringLiteral("Cannot move %1 to the trash").arg(path));
+    }
+    postLogFromServer(
+        LogObject::createLogObjectWithName(row->name(), localizedString(QStringLiteral("work_delete")),
+                                           sizeOf(*row, folder), CataloguePaths::relativePath(path, root),
+                                           folder, serverTimeToLocalTimeStr(row->time()), QString(), true));
+    context->deleteObject(row);
+    saveContext(context, QStringLiteral("%1"));
+    if (folder) {
+        deleteFileContainsPath(path, context);
+        deleteDirectoryContainsPath(path, context);
+    }
+}
+
+void DatabaseUtils::deleteDirectory(const QString &key)
+{
+    onMainThread([&] { removeItem(key, true, mainContext(), false); });
+}
+
+void DatabaseUtils::deleteDirectory(const QString &key, const ContextPtr &context)
+{
+    removeItem(key, true, context, true);
+}
+
+void DatabaseUtils::deleteFile(const QString &key)
+{
+    onMainThread([&] { removeItem(key, false, mainContext(), false); });
+}
+
+void DatabaseUtils::deleteFile(const QString &key, const ContextPtr &context)
+{
+    removeItem(key, false, context, true);
+}
+
+// --- Rename and move ---
+
+void DatabaseUtils::renameItem(const QStringList &record, bool folder, const ContextPtr &context)
+{
+    if (!context)
+        return;
+    if (record.size() <= ItemKey) {
+        FV_LOG(QStringLiteral("Rename record with %1 field(s) skipped").arg(record.size()));
+        return;
+    }
+    const QString what = folder ? QStringLiteral("Folder") : QStringLiteral("File");
+    const QString newName = field(record, ItemName);
+    if (!CataloguePaths::checkName(newName, what))
+        return;
+    const std::shared_ptr<CatalogueItem> row =
+        folder ? std::shared_ptr<CatalogueItem>(getDirectoryWithKey(field(record, ItemKey), context))
+               : std::shared_ptr<CatalogueItem>(getFileWithKey(field(record, ItemKey), context));
+    if (!row)
+        return;
+    const QString root = syncFolderPath(context);
+    const QString oldPath = row->path();
+    const QString oldName = row->name();
+    QString parent = CataloguePaths::deletingLastPathComponent(oldPath);
+    const QString newPath = (parent == u"/" ? QString() : parent) + u'/' + newName;
+    if (!CataloguePaths::checkInside(oldPath, root, what) ||
+        !CataloguePaths::checkInside(newPath, root, what))
+        return;
+
+    row->setName(newName);
+    row->setPath(newPath);
+    saveContext(context, QStringLiteral("%1"));
+    QString error;
+    const bool moved = CataloguePaths::moveItem(oldPath, newPath, &error);
+    if (!moved) {
+        FV_LOG((folder ? QStringLiteral("Rename directory fail: %1") : QStringLiteral("Rename file fail: %1"))
+                   .arg(error));
+        row->setName(oldName);
+        row->setPath(oldPath);
+        saveContext(context, QStringLiteral("%1"));
+    } else if (folder) {
+        changePathOfDirectory(newPath, oldPath, context);
+        changePathOfFile(newPath, oldPath, context);
+    }
+    postLogFromServer(LogObject::createLogObjectWithName(
+        newName, localizedString(QStringLiteral("work_rename")), sizeOf(*row, folder),
+        CataloguePaths::relativePath(moved ? newPath : oldPath, root), folder,
+        localTimeFromDate(QDateTime::currentDateTime()), QStringLiteral("%1 => %2").arg(oldName, newName),
+        moved));
+}
+
+void DatabaseUtils::renameDirectory(const QStringList &record)
+{
+    onMainThread([&] { renameItem(record, true, mainContext()); });
+}
+
+void DatabaseUtils::renameDirectory(const QStringList &record, const ContextPtr &context)
+{
+    renameItem(record, true, context);
+}
+
+void DatabaseUtils::renameFile(const QStringList &record)
+{
+    onMainThread([&] { renameItem(record, false, mainContext()); });
+}
+
+void DatabaseUtils::renameFile(const QStringList &record, const ContextPtr &context)
+{
+    renameItem(record, false, context);
+}
+
+void DatabaseUtils::moveItem(const QStringList &record, bool folder, const ContextPtr &context)
+{
+    if (!context)
+        return;
+    if (record.size() <= ItemPKey) {
+        FV_LOG(QStringLiteral("Move record with %1 field(s) skipped").arg(record.size()));
+        return;
+    }
+    const QString what = folder ? QStringLiteral("Folder") : QStringLiteral("File");
+    const QString name = field(record, ItemName);
+    if (!CataloguePaths::checkName(name, what))
+        return;
+    const std::shared_ptr<CatalogueItem> row =
+        folder ? std::shared_ptr<CatalogueItem>(getDirectoryWithKey(field(record, ItemKey), context))
+               : std::shared_ptr<CatalogueItem>(getFileWithKey(field(record, ItemKey), context));
+    if (!row)
+        return;
+    const QString root = syncFolderPath(context);
+    const QString newParentKey = field(record, ItemPKey);
+    QString parentPath;
+    if (const DirectoryPtr parent = getDirectoryWithKey(newParentKey, context)) {
+        parentPath = parent->path();
+    } else {
+        const InfomationPtr account = getInfomationWithManagedObjectContext(context);
+        parentPath = account && !account->path().isEmpty() ? account->path() : root;
+    }
+    const QString oldPath = row->path();
+    const QString oldName = row->name();
+    const QString oldParentKey = row->pkey();
+    const QString newPath = parentPath + u'/' + name;
+    if (!CataloguePaths::checkInside(oldPath, root, what) ||
+        !CataloguePaths::checkInside(newPath, root, what))
+        return;
+
+    row->setName(name);
+    row->setPath(newPath);
+    row->setPkey(newParentKey);
+    saveContext(context, QStringLiteral("%1"));
+    QString error;
+    const bool moved = CataloguePaths::moveItem(oldPath, newPath, &error);
+    if (!moved) {
+        FV_LOG((folder ? QStringLiteral("Rename directory fail: %1") : QStringLiteral("Move file fail: %1"))
+                   .arg(error));
+        row->setName(oldName);
+        row->setPath(oldPath);
+        row->setPkey(oldParentKey);
+        saveContext(context, QStringLiteral("%1"));
+    } else if (folder) {
+        changePathOfDirectory(newPath, oldPath, context);
+        changePathOfFile(newPath, oldPath, context);
+    }
+    postLogFromServer(LogObject::createLogObjectWithName(
+        name, localizedString(QStringLiteral("work_move")), sizeOf(*row, folder),
+        CataloguePaths::relativePath(moved ? newPath : oldPath, root), folder,
+        localTimeFromDate(QDateTime::currentDateTime()),
+        QStringLiteral("%1 => %2")
+            .arg(CataloguePaths::relativePath(oldPath, root), CataloguePaths::relativePath(newPath, root)),
+        moved));
+}
+
+void DatabaseUtils::moveDirectory(const QStringList &record, const ContextPtr &context)
+{
+    moveItem(record, true, context);
+}
+
+void DatabaseUtils::moveFile(const QStringList &record, const ContextPtr &context)
+{
+    moveItem(record, false, context);
+}
+
+// --- Subtrees ---
+
+void DatabaseUtils::changePathOfItems(const QString &newPath, const QString &oldPath, bool folders,
+                                      const ContextPtr &context)
+{
+    if (!context || oldPath.isEmpty())
+        return;
+    const QString root = syncFolderPath(context);
+    if (!CataloguePaths::checkInside(newPath, root, QStringLiteral("New path")))
+        return;
+    auto rewrite = [&](const std::shared_ptr<CatalogueItem> &row) {
+        // Every occurrence is replaced, not only the leading one.
+        QString path = row->path();
+        path.replace(oldPath, newPath);
+        row->setPath(path);
+    };
+    if (folders) {
+        for (const DirectoryPtr &row : getDirectoryContainPath(oldPath, context))
+            rewrite(row);
+    } else {
+        for (const FilePtr &row : getFileContainPath(oldPath, context))
+            rewrite(row);
+    }
+    saveContext(context, QStringLiteral("Save data error: %1"));
+}
+
+void DatabaseUtils::changePathOfDirectory(const QString &newPath, const QString &oldPath,
+                                          const ContextPtr &context)
+{
+    changePathOfItems(newPath, oldPath, true, context);
+}
+
+void DatabaseUtils::changePathOfFile(const QString &newPath, const QString &oldPath,
+                                     const ContextPtr &context)
+{
+    changePathOfItems(newPath, oldPath, false, context);
+}
+
+void DatabaseUtils::deleteDirectoryContainsPath(const QString &path, const ContextPtr &context)
+{
+    if (!context)
+        return;
+    for (const DirectoryPtr &row : getDirectoryContainPath(path, context))
+        context->deleteObject(row);
+    saveContext(context, QStringLiteral("Save data error: %1"));
+}
+
+void DatabaseUtils::deleteFileContainsPath(const QString &path, const ContextPtr &context)
+{
+    if (!context)
+        return;
+    for (const FilePtr &row : getFileContainPath(path, context))
+        context->deleteObject(row);
+    saveContext(context, QStringLiteral("Save data error: %1"));
+}
+
+void DatabaseUtils::deleteItemsWithPKey(const QString &pkey, bool folders, const ContextPtr &context)
+{
+    if (!context)
+        return;
+    const Predicate byParent =
+        Predicate::like(QStringLiteral("pkey"), pkey) || Predicate::like(QStringLiteral("pkey"), pkey);
+    QStringList paths;
+    if (folders) {
+        for (const DirectoryPtr &row : context->fetch<Directory>(byParent))
+            paths.append(row->path());
+    } else {
+        for (const FilePtr &row : context->fetch<File>(byParent))
+            paths.append(row->path());
+    }
+    // Tasks go to the catalogue object's own context where this thread has it.
+    const ContextPtr taskContext =
+        m_managedObjectContext && m_managedObjectContext->thread() == QThread::currentThread()
+            ? m_managedObjectContext
+            : context;
+    for (const QString &path : std::as_const(paths)) {
+        addTaskWithDictionary({{QStringLiteral("kKeyTaskType"), 2},
+                               {QStringLiteral("kKeyTaskFolder"), true},
+                               {QStringLiteral("kKeyTaskPath"), path},
+                               {QStringLiteral("kKeyTaskName"), CataloguePaths::lastPathComponent(path)},
+                               {QStringLiteral("kKeyTaskTime"), QDateTime::currentDateTime()}},
+                              taskContext);
+    }
+}
+
+void DatabaseUtils::deleteAllDirectoryWithPKey(const QString &pkey, const ContextPtr &context)
+{
+    deleteItemsWithPKey(pkey, true, context);
+}
+
+void DatabaseUtils::deleteAllFileWithPKey(const QString &pkey, const ContextPtr &context)
+{
+    deleteItemsWithPKey(pkey, false, context);
+}
+
+// --- Folder times and clearing ---
+
+void DatabaseUtils::setTimeModifierForDirectoryAtPath(const QString &path, const QDateTime &time)
+{
+    const QString serverTime = localTimeToServerTime(time);
+    if (serverTime.isEmpty())
+        return;
+    const QString root = syncFolderPath();
+    if (path != root && !CataloguePaths::checkInside(path, root, QStringLiteral("Folder")))
+        return;
+    if (CataloguePaths::itemExists(path) &&
+        CataloguePaths::setModificationDate(path, serverTimeToLocalTime(serverTime)))
+        FV_LOG(QStringLiteral("Set attribute for folder: %1").arg(path));
+    const ContextPtr context = ownContext();
+    if (const DirectoryPtr row = getDirectoryWithPath(path, context)) {
+        row->setTime(serverTime);
+        saveContext(context, QStringLiteral("%1"));
+    }
+}
+
+void DatabaseUtils::setTimeModifierForDirectoryAtPath(const QString &path)
+{
+    setTimeModifierForDirectoryAtPath(path, CataloguePaths::modificationDate(path));
+}
+
+void DatabaseUtils::deleteAllObjectOfEntity(const QString &entityName)
+{
+    onMainThread([&] {
+        const ContextPtr context = mainContext();
+        if (!context)
+            return;
+        FvError error;
+        const QList<ManagedObjectPtr> rows =
+            context->executeFetchRequest(FetchRequest::fetchRequestWithEntityName(entityName), &error);
+        for (const ManagedObjectPtr &row : rows)
+            context->deleteObject(row);
+        if (error.isNull() && context->save(&error))
+            return;
+        FV_LOG(QStringLiteral("Error deleting %1 - error:%2").arg(entityName, error.toString()));
+    });
+}

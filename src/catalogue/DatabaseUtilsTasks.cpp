@@ -1,0 +1,162 @@
+// DatabaseUtils: admission of local changes as tasks, and the hand-over of task runs to the worker.
+#include "catalogue/DatabaseUtils.h"
+#include "util/AppServices.h"
+#include "util/Log.h"
+#include "util/NotificationCenter.h"
+
+#include <QCoreApplication>
+#include <QDebug>
+#include <QThread>
+
+namespace {
+
+std::mutex g_localizerLock;
+std::function<QString(const QString &)> g_localizer;
+
+QString describe(const QVariantMap &dictionary)
+{
+    QString text;
+    QDebug(&text).noquote() << dictionary;
+    return text;
+}
+
+} // namespace
+
+TaskPtr DatabaseUtils::addTaskWithDictionary(const QVariantMap &dictionary, const ContextPtr &context)
+{
+    if (!context)
+        return nullptr;
+    QVariantMap task = dictionary;
+    const QString path = task.value(QStringLiteral("kKeyTaskPath")).toString();
+    qint64 type = task.value(QStringLiteral("kKeyTaskType")).toLongLong();
+    const bool folder = task.value(QStringLiteral("kKeyTaskFolder")).toBool();
+
+    if (type == 1 || type == 5) {
+        std::shared_ptr<CatalogueItem> row =
+            folder ? std::shared_ptr<CatalogueItem>(getDirectoryWithPath(path, context))
+                   : std::shared_ptr<CatalogueItem>(getFileWithPath(path, context));
+        TaskPtr pending;
+        if (!row) {
+            pending = getTaskWithPath(path, context);
+            if (pending && pending->taskType() == type)
+                return nullptr; // already queued
+        }
+        if (row || pending) {
+            if (folder || pending)
+                return nullptr; // a known folder is never queued again; an earlier task stands
+            switch (checkFileIsModifierWithPath(path, row->time(), row->md5())) {
+            case Unchanged:
+                return nullptr;
+            case ChangedLocally:
+                type = 5;
+                break;
+            case OlderThanServer:
+                type = 6;
+                break;
+            case Missing:
+                type = 2;
+                break;
+            default:
+                break;
+            }
+            task.insert(QStringLiteral("kKeyTaskType"), type);
+        }
+    } else if (type == 3) {
+        getTaskWithPath(path, context); // looked up, not used
+    }
+
+    const TaskPtr row = context->insertNewObject<Task>();
+    FV_LOG(describe(task));
+    row->setTaskType(type);
+    row->setPath(path);
+    row->setNewPath(task.value(QStringLiteral("kKeyTaskNewPath")).toString());
+    row->setName(task.value(QStringLiteral("kKeyTaskName")).toString());
+    row->setTime(task.value(QStringLiteral("kKeyTaskTime")).toDateTime());
+    row->setFolder(folder);
+    saveContext(context, QStringLiteral("%1"));
+    checkAndRunTask();
+    return row;
+}
+
+void DatabaseUtils::checkAndRunTask()
+{
+    const std::shared_ptr<DatabaseUtils> self = weak_from_this().lock();
+    if (!self || !isAlive())
+        return;
+    QThread *thread = m_syncThread;
+    if (!thread)
+        return;
+    QObject *runner = nullptr;
+    {
+        std::lock_guard lock(m_runnerLock);
+        if (!m_runner || m_runner->thread() != thread) {
+            if (m_runner)
+                m_runner->deleteLater();
+            // A plain receiver living on the worker: queued calls to it run on that thread.
+            auto *receiver = new QObject;
+            receiver->moveToThread(thread);
+            QObject::connect(thread, &QThread::finished, receiver, &QObject::deleteLater);
+            m_runner = receiver;
+        }
+        runner = m_runner;
+    }
+    QMetaObject::invokeMethod(
+        runner, [self] { self->doTask(); }, Qt::QueuedConnection);
+}
+
+void DatabaseUtils::checkTask()
+{
+    checkAndRunTask();
+}
+
+void DatabaseUtils::statusBarAnimation()
+{
+    if (QCoreApplication *app = QCoreApplication::instance())
+        QMetaObject::invokeMethod(
+            app,
+            [] {
+                if (AppServices *services = AppServices::shared())
+                    services->startStatusBarAnimation();
+            },
+            Qt::QueuedConnection);
+}
+
+void DatabaseUtils::stopBarAnimation()
+{
+    if (QCoreApplication *app = QCoreApplication::instance())
+        QMetaObject::invokeMethod(
+            app,
+            [] {
+                if (AppServices *services = AppServices::shared())
+                    services->stopStatusBarAnimation();
+            },
+            Qt::QueuedConnection);
+}
+
+void DatabaseUtils::postLogFromSync(const LogObject &log)
+{
+    NotificationCenter::defaultCenter()->postNotificationName(
+        QStringLiteral("kKeyLogNotification"), false, {{QStringLiteral("log"), QVariant::fromValue(log)}});
+}
+
+void DatabaseUtils::postLogFromServer(const LogObject &log)
+{
+    NotificationCenter::defaultCenter()->postNotificationName(
+        QStringLiteral("kKeyLogNotification"), true, {{QStringLiteral("log"), QVariant::fromValue(log)}});
+}
+
+void DatabaseUtils::setLocalizer(const std::function<QString(const QString &)> &lookup)
+{
+    std::lock_guard lock(g_localizerLock);
+    g_localizer = lookup;
+}
+
+QString DatabaseUtils::localizedString(const QString &key)
+{
+    std::function<QString(const QString &)> lookup;
+    {
+        std::lock_guard lock(g_localizerLock);
+        lookup = g_localizer;
+    }
+    return lookup ? lookup(key) : key;
+}
