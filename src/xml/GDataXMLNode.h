@@ -17,6 +17,8 @@
 //
 // Threading: a document may be read from several threads at once (its string cache is locked);
 // editing a tree, or sharing one wrapper object between threads, needs outside coordination.
+// XPath on a tree outside any document lends the tree to a temporary document for the call, so
+// that counts as editing it.
 // Bad input never aborts: parse failures give nothing and an error, unexpected states give a
 // diagnostic line and an empty result.
 
