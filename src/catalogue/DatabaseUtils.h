@@ -233,7 +233,8 @@ private:
     void changePathOfItems(const QString &newPath, const QString &oldPath, bool folders,
                            const ContextPtr &context);
     void deleteItemsWithPKey(const QString &pkey, bool folders, const ContextPtr &context);
-    void runTasks(const ContextPtr &context);
+    // One pass over the stored tasks; false when it ended the run early (thread end, unreadable reply).
+    bool runTasks(const ContextPtr &context);
     int runOneTask(const TaskPtr &task, const ContextPtr &context, bool *restart);
     QByteArray postToServer(const QString &url, const QString &body);
     QString timeZoneText();
@@ -252,6 +253,9 @@ private:
     std::optional<QTimeZone> m_serverTimeZone;
     std::optional<QTimeZone> m_localTimeZone;
 
+    // A run asked for while one was in progress (queued calls reach the worker inside the nested
+    // event loops of its blocking requests): the running one goes round again at its end.
+    std::atomic<bool> m_runAgain{false};
     std::recursive_mutex m_timeLock; // guards the lazily made time-zone state
     std::mutex m_runnerLock;
     QPointer<QObject> m_runner; // lives on syncThread; receives the queued task runs

@@ -92,8 +92,10 @@ void notifyUser(const QString &titleKey, const QString &kindKey, const QString &
 
 void DatabaseUtils::doTask()
 {
-    if (m_isDoTask)
-        return; // one run at a time; a running one picks the new task up or the next run does
+    if (m_isDoTask) {
+        m_runAgain = true; // one run at a time: the running one goes round again for the new task
+        return;
+    }
     const std::shared_ptr<DatabaseUtils> keep = weak_from_this().lock();
     ContextPtr context = m_managedObjectContext;
     if (!context || context->thread() != QThread::currentThread()) {
@@ -105,11 +107,13 @@ void DatabaseUtils::doTask()
         return;
     }
     m_isDoTask = true;
-    runTasks(context);
+    do {
+        m_runAgain = false;
+    } while (runTasks(context) && m_runAgain);
     m_isDoTask = false;
 }
 
-void DatabaseUtils::runTasks(const ContextPtr &context)
+bool DatabaseUtils::runTasks(const ContextPtr &context)
 {
     bool endThread = false;
     bool aborted = false;
@@ -143,6 +147,7 @@ void DatabaseUtils::runTasks(const ContextPtr &context)
         if (!app || QThread::currentThread() != app->thread())
             QThread::currentThread()->quit();
     }
+    return !endThread && !aborted;
 }
 
 int DatabaseUtils::runOneTask(const TaskPtr &task, const ContextPtr &context, bool *restart)
