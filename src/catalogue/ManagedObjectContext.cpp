@@ -8,6 +8,7 @@
 #include <QThread>
 #include <algorithm>
 #include <limits>
+#include <map>
 #include <sqlite3.h>
 #include <unordered_map>
 
@@ -118,7 +119,11 @@ struct ManagedObjectContext::Private
     std::vector<ManagedObjectPtr> inserted; // in insertion order
     QHash<ManagedObject *, ManagedObjectPtr> updated;
     QHash<ManagedObject *, ManagedObjectPtr> deleted;
+    // Attributes changed since the last save, one bit per attribute index, of each edited object:
+    // an UPDATE sets only those columns, so indexes on untouched columns are left alone.
+    QHash<ManagedObject *, quint64> changedColumns;
     QHash<QString, sqlite3_stmt *> statements;
+    std::map<std::pair<const EntityDescription *, quint64>, QString> updateStatements;
 
     ~Private()
     {
@@ -317,6 +322,7 @@ void ManagedObjectContext::deleteObject(const ManagedObjectPtr &object)
         break;
     case ManagedObject::State::Updated:
         d->updated.remove(object.get());
+        d->changedColumns.remove(object.get());
         [[fallthrough]];
     case ManagedObject::State::Clean:
         object->m_state = ManagedObject::State::Deleted;
@@ -327,13 +333,15 @@ void ManagedObjectContext::deleteObject(const ManagedObjectPtr &object)
     }
 }
 
-void ManagedObjectContext::objectWillChange(ManagedObject *object)
+void ManagedObjectContext::objectWillChange(ManagedObject *object, int index)
 {
     d->checkThread("edit");
     if (object->m_state == ManagedObject::State::Clean) {
         object->m_state = ManagedObject::State::Updated;
         d->updated.insert(object, object->shared_from_this());
     }
+    if (object->m_state == ManagedObject::State::Updated && index >= 0 && index < 64)
+        d->changedColumns[object] |= quint64(1) << index;
 }
 
 QList<ManagedObjectPtr> ManagedObjectContext::executeFetchRequest(const FetchRequest &request, FvError *error)
@@ -491,15 +499,34 @@ bool ManagedObjectContext::save(FvError *error)
     }
     for (auto it = d->updated.cbegin(); ok && it != d->updated.cend(); ++it) {
         const ManagedObject &object = *it.value();
-        QStringList assignments;
-        for (const auto &[name, type] : StoreSql::columns(object.entity()))
-            assignments.append(StoreSql::quoted(name) + QStringLiteral(" = ?"));
-        QVariantList values = d->rowBindings(object);
+        const EntityDescription &entity = object.entity();
+        const std::size_t count = entity.attributes.size();
+        quint64 mask = d->changedColumns.value(it.key(), 0);
+        if (mask == 0 || count > 64)
+            mask = ~quint64(0); // unknown: write every column
+        QString &sql = d->updateStatements[{&entity, mask}];
+        if (sql.isEmpty()) {
+            QStringList assignments;
+            for (std::size_t i = 0; i < count; ++i) {
+                if (mask & (quint64(1) << i))
+                    assignments.append(StoreSql::quoted(entity.attributes[i].name) + QStringLiteral(" = ?"));
+            }
+            if (entity.pathIndex() >= 0 && (mask & (quint64(1) << entity.pathIndex())))
+                assignments.append(StoreSql::quoted(StoreSql::foldedPathColumn()) + QStringLiteral(" = ?"));
+            sql = QStringLiteral("UPDATE ") + StoreSql::quoted(entity.name) + QStringLiteral(" SET ") +
+                  assignments.join(QStringLiteral(", ")) + QStringLiteral(" WHERE \"_id\" = ?");
+        }
+        QVariantList values;
+        for (std::size_t i = 0; i < count; ++i) {
+            if (mask & (quint64(1) << i))
+                values.append(StoreSql::storedValue(entity.attributes[i].type, object.m_values[i]));
+        }
+        if (entity.pathIndex() >= 0 && (mask & (quint64(1) << entity.pathIndex()))) {
+            const QVariant path = object.m_values[std::size_t(entity.pathIndex())];
+            values.append(path.isNull() ? QVariant() : QVariant(foldedString(path.toString())));
+        }
         values.append(object.m_rowId);
-        ok = d->run(QStringLiteral("UPDATE ") + StoreSql::quoted(object.entityName()) +
-                        QStringLiteral(" SET ") + assignments.join(QStringLiteral(", ")) +
-                        QStringLiteral(" WHERE \"_id\" = ?"),
-                    values, &failure);
+        ok = d->run(sql, values, &failure);
     }
     // Row ids are handed to the objects only once the transaction has committed.
     std::vector<qint64> newRowIds;
@@ -543,6 +570,7 @@ bool ManagedObjectContext::save(FvError *error)
     }
     d->deleted.clear();
     d->updated.clear();
+    d->changedColumns.clear();
     d->inserted.clear();
     return true;
 }
@@ -557,6 +585,7 @@ void ManagedObjectContext::rollback()
     d->inserted.clear();
     QList<ManagedObjectPtr> reload = d->updated.values() + d->deleted.values();
     d->updated.clear();
+    d->changedColumns.clear();
     d->deleted.clear();
     for (const ManagedObjectPtr &object : reload) {
         object->m_state = ManagedObject::State::Clean;

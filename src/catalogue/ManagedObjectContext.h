@@ -87,6 +87,7 @@ private:
     friend class ManagedObject;
     struct Private;
     ManagedObjectContext();
-    void objectWillChange(ManagedObject *object);
+    // `index`: the attribute about to change (saves write only the changed columns).
+    void objectWillChange(ManagedObject *object, int index);
     std::unique_ptr<Private> d;
 };

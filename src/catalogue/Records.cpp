@@ -171,7 +171,7 @@ void ManagedObject::setValueAt(int index, const QVariant &value)
     if (slot.isNull() == stored.isNull() && slot == stored)
         return;
     if (m_context)
-        m_context->objectWillChange(this);
+        m_context->objectWillChange(this, index);
     slot = std::move(stored);
 }
 
