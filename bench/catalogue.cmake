@@ -1,0 +1,3 @@
+# Catalogue benchmark (bench/run catalogue).
+add_executable(ferrovane-bench-catalogue ${CMAKE_CURRENT_LIST_DIR}/catalogue/CatalogueBench.cpp)
+target_link_libraries(ferrovane-bench-catalogue PRIVATE ferrovane_options ferrovane_catalogue)
