@@ -390,3 +390,23 @@ TEST_F(CatalogueQueriesTest, FolderTimeIsSetOnDiskAndInTheRow)
     EXPECT_TRUE(context->fetch<Directory>().isEmpty());
     EXPECT_EQ(context->fetch<Infomation>().size(), 1);
 }
+
+TEST_F(CatalogueQueriesTest, EditsOfDifferentColumnsFromTwoContextsBothSurvive)
+{
+    addFile(QStringLiteral("k"), at(QStringLiteral("a/x.txt")), QStringLiteral("1"), QStringLiteral("old"));
+    ASSERT_TRUE(context->save());
+    auto other = ManagedObjectContext::create(coordinator);
+    const FilePtr mine = db->getFileWithKey(QStringLiteral("k"), context);
+    const FilePtr theirs = db->getFileWithKey(QStringLiteral("k"), other);
+    mine->setPath(at(QStringLiteral("b/x.txt")));
+    theirs->setMd5(QStringLiteral("new"));
+    ASSERT_TRUE(other->save());
+    ASSERT_TRUE(context->save());
+    auto fresh = ManagedObjectContext::create(coordinator);
+    const FilePtr row = db->getFileWithKey(QStringLiteral("k"), fresh);
+    EXPECT_EQ(row->path(), at(QStringLiteral("b/x.txt")));
+    EXPECT_EQ(row->md5(), u"new");
+    // The folded copy of the path moved with it.
+    EXPECT_EQ(db->getFileContainPath(at(QStringLiteral("B")), fresh).size(), 1);
+    EXPECT_TRUE(db->getFileContainPath(at(QStringLiteral("a")), fresh).isEmpty());
+}
