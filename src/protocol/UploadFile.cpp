@@ -3,106 +3,14 @@
 #include "RestLibrary/NetworkAccess.h"
 #include "protocol/Md5Digest.h"
 #include "protocol/TransferState.h"
+#include "protocol/UploadConnection.h"
 #include "util/Log.h"
 
 #include <QFile>
 #include <QFileInfo>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
 #include <QPointer>
 #include <exception>
 #include <mutex>
-
-// The live part of an upload: the input stream and the connection, both on the main thread.
-class UploadConnection final : public QObject
-{
-public:
-    explicit UploadConnection(std::shared_ptr<TransferState> state) : m_state(std::move(state)) {}
-    ~UploadConnection() override { close(); }
-
-    void start(const QString &path, const QString &url, const QString &time)
-    {
-        m_inputStream = new QFile(path, this);
-        if (!m_inputStream->open(QIODevice::ReadOnly)) {
-            FV_LOG(QStringLiteral("Fail: cannot read %1: %2").arg(path, m_inputStream->errorString()));
-            m_state->set(TransferState::Fail);
-            return;
-        }
-        QNetworkRequest request = NetworkAccess::request(QUrl(url));
-        request.setRawHeader("Content-Type", "application/stream");
-        request.setRawHeader("velmora_filetime", time.toUtf8());
-        m_urlConnection = NetworkAccess::mainManager()->sendCustomRequest(request, "POST", m_inputStream);
-        connect(m_urlConnection, &QNetworkReply::metaDataChanged, this,
-                &UploadConnection::didReceiveResponse);
-        connect(m_urlConnection, &QNetworkReply::readyRead, this, &UploadConnection::didReceiveData);
-        connect(m_urlConnection, &QNetworkReply::finished, this, &UploadConnection::didFinish);
-    }
-
-    void cancel()
-    {
-        if (m_urlConnection && !m_urlConnection->isFinished())
-            m_urlConnection->abort();
-    }
-
-    void close()
-    {
-        if (m_urlConnection) {
-            m_urlConnection->disconnect(this);
-            if (!m_urlConnection->isFinished())
-                m_urlConnection->abort();
-            // The manager may still reach for the body device while it unwinds: both go later.
-            m_urlConnection->deleteLater();
-            m_urlConnection = nullptr;
-        }
-        if (m_inputStream) {
-            m_inputStream->setParent(nullptr);
-            m_inputStream->close();
-            m_inputStream->deleteLater();
-            m_inputStream = nullptr;
-        }
-    }
-
-private:
-    void didReceiveResponse()
-    {
-        if (m_responded || !m_urlConnection)
-            return;
-        m_responded = true;
-        QStringList fields;
-        for (const auto &[name, value] : m_urlConnection->rawHeaderPairs())
-            fields << QString::fromUtf8(name + ": " + value);
-        FV_LOG(fields.join(QLatin1String(", ")));
-        // The verdict comes with the headers, before any body of the answer.
-        if (m_urlConnection->rawHeader("Velmora-result") == "0")
-            m_state->set(TransferState::Done);
-        else
-            m_state->set(TransferState::Fail);
-    }
-
-    void didReceiveData()
-    {
-        if (m_urlConnection)
-            FV_LOG(QStringLiteral("receive data: %1").arg(QString::fromUtf8(m_urlConnection->readAll())));
-    }
-
-    void didFinish()
-    {
-        if (!m_urlConnection)
-            return;
-        if (NetworkAccess::isTransportFailure(m_urlConnection)) {
-            FV_LOG(QStringLiteral("Fail"));
-            m_state->set(TransferState::Fail);
-            return;
-        }
-        didReceiveResponse();
-        FV_LOG(QStringLiteral("Finish!"));
-    }
-
-    std::shared_ptr<TransferState> m_state;
-    QFile *m_inputStream = nullptr;
-    QNetworkReply *m_urlConnection = nullptr;
-    bool m_responded = false;
-};
 
 namespace {
 // The application-wide current upload. Guarded so that a cancel from another thread never meets

@@ -88,6 +88,11 @@ TEST_F(UploadFixture, ConnectionFaultsFail)
     EXPECT_EQ(upload(server, dir.filePath(QStringLiteral("missing"))), QStringLiteral("fail"));
     EXPECT_EQ(server.requests().size(), before);
 
+    // A server whose certificate is not trusted never sees the request.
+    TestHttpsServer untrusted([](const TestRequest &) { return verdict("0"); }, false);
+    EXPECT_EQ(upload(untrusted, path), QStringLiteral("fail"));
+    EXPECT_TRUE(untrusted.requests().isEmpty());
+
     // Nobody listening.
     QString result;
     ASSERT_TRUE(runOffMainThread([&] {

@@ -1,0 +1,194 @@
+#include "protocol/UploadConnection.h"
+
+#include "RestLibrary/NetworkAccess.h"
+#include "protocol/TransferState.h"
+#include "util/Log.h"
+
+#include <QSslConfiguration>
+#include <QSslSocket>
+#include <QUrl>
+
+namespace {
+constexpr qint64 kChunk = 1024 * 1024;          // one read from the file
+constexpr qint64 kWriteAhead = 4 * 1024 * 1024; // encrypted bytes allowed to wait in the socket
+constexpr qsizetype kMaxAnswerHead = 64 * 1024; // a longer head is not an answer of ours
+constexpr int kInactivityTimeoutMs = 60 * 1000; // not scaled, like every request's
+
+QByteArray headerValue(const QList<QByteArray> &lines, const QByteArray &name)
+{
+    for (const QByteArray &line : lines) {
+        const qsizetype colon = line.indexOf(':');
+        if (colon > 0 && line.left(colon).trimmed().compare(name, Qt::CaseInsensitive) == 0)
+            return line.mid(colon + 1).trimmed();
+    }
+    return {};
+}
+} // namespace
+
+UploadConnection::UploadConnection(std::shared_ptr<TransferState> state) : m_state(std::move(state))
+{
+    m_idle.setSingleShot(true);
+    m_idle.setInterval(kInactivityTimeoutMs);
+    connect(&m_idle, &QTimer::timeout, this, [this] { fail(QStringLiteral("time-out")); });
+}
+
+UploadConnection::~UploadConnection()
+{
+    close();
+}
+
+void UploadConnection::start(const QString &path, const QString &url, const QString &time)
+{
+    m_inputStream.setFileName(path);
+    if (!m_inputStream.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
+        FV_LOG(QStringLiteral("Fail: cannot read %1: %2").arg(path, m_inputStream.errorString()));
+        m_state->set(TransferState::Fail);
+        return;
+    }
+    const QUrl target(url);
+    if (!target.isValid() || target.scheme() != QLatin1String("https") || target.host().isEmpty()) {
+        FV_LOG(QStringLiteral("Fail: not an https URL: %1").arg(url));
+        m_state->set(TransferState::Fail);
+        return;
+    }
+    m_total = m_inputStream.size();
+
+    QByteArray resource = target.path(QUrl::FullyEncoded).toUtf8();
+    if (resource.isEmpty())
+        resource = "/";
+    if (target.hasQuery())
+        resource += '?' + target.query(QUrl::FullyEncoded).toUtf8();
+    QByteArray host = target.host(QUrl::FullyEncoded).toUtf8();
+    if (host.contains(':'))
+        host = '[' + host + ']';
+    if (target.port() > 0)
+        host += ':' + QByteArray::number(target.port());
+    m_head = "POST " + resource + " HTTP/1.1\r\nHost: " + host +
+             "\r\nContent-Type: application/stream\r\nvelmora_filetime: " + time.toUtf8() +
+             "\r\nContent-Length: " + QByteArray::number(m_total) + "\r\nConnection: close\r\n\r\n";
+
+    NetworkAccess::installTrust();
+    m_socket = new QSslSocket(this);
+    m_socket->setSslConfiguration(QSslConfiguration::defaultConfiguration());
+    m_socket->setReadBufferSize(kMaxAnswerHead);
+    connect(m_socket, &QSslSocket::encrypted, this, &UploadConnection::sendHead);
+    connect(m_socket, &QSslSocket::encryptedBytesWritten, this, &UploadConnection::pump);
+    connect(m_socket, &QSslSocket::readyRead, this, &UploadConnection::readAnswer);
+    connect(m_socket, &QSslSocket::disconnected, this, &UploadConnection::connectionEnded);
+    connect(m_socket, &QSslSocket::errorOccurred, this, [this](QAbstractSocket::SocketError) {
+        if (m_socket->error() == QAbstractSocket::RemoteHostClosedError)
+            connectionEnded();
+        else
+            fail(m_socket->errorString());
+    });
+    m_idle.start();
+    m_socket->connectToHostEncrypted(target.host(), quint16(target.port(443)));
+}
+
+void UploadConnection::sendHead()
+{
+    m_idle.start();
+    m_socket->write(m_head);
+    pump();
+}
+
+void UploadConnection::pump()
+{
+    m_idle.start();
+    if (m_closed || !m_socket || !m_socket->isEncrypted())
+        return;
+    if (m_chunk.isEmpty())
+        m_chunk.resize(kChunk);
+    // Keep the socket fed without letting the whole file pile up in its buffer.
+    while (m_sent < m_total && m_socket->encryptedBytesToWrite() + m_socket->bytesToWrite() < kWriteAhead) {
+        const qint64 got = m_inputStream.read(m_chunk.data(), qMin(kChunk, m_total - m_sent));
+        if (got <= 0) {
+            // The file shrank or became unreadable while being sent.
+            fail(QStringLiteral("cannot read %1 at byte %2").arg(m_inputStream.fileName()).arg(m_sent));
+            return;
+        }
+        m_socket->write(m_chunk.constData(), got);
+        m_sent += got;
+    }
+}
+
+void UploadConnection::readAnswer()
+{
+    m_idle.start();
+    const QByteArray bytes = m_socket->readAll();
+    if (m_responded) {
+        if (!bytes.isEmpty())
+            FV_LOG(QStringLiteral("receive data: %1").arg(QString::fromUtf8(bytes)));
+        return;
+    }
+    m_answer += bytes;
+    for (;;) {
+        const qsizetype end = m_answer.indexOf("\r\n\r\n");
+        if (end < 0) {
+            if (m_answer.size() > kMaxAnswerHead)
+                fail(QStringLiteral("answer head too long"));
+            return;
+        }
+        const QList<QByteArray> lines = m_answer.left(end).split('\n');
+        const QByteArray rest = m_answer.mid(end + 4);
+        const QList<QByteArray> status = lines.value(0).trimmed().split(' ');
+        if (status.value(1).startsWith('1')) { // interim answer: the real one follows
+            m_answer = rest;
+            continue;
+        }
+        m_responded = true;
+        QStringList fields;
+        for (qsizetype i = 1; i < lines.size(); ++i)
+            fields << QString::fromUtf8(lines.at(i).trimmed());
+        FV_LOG(fields.join(QLatin1String(", ")));
+        // The verdict comes with the headers, before any body of the answer.
+        if (headerValue(lines.mid(1), "Velmora-result") == "0")
+            m_state->set(TransferState::Done);
+        else
+            m_state->set(TransferState::Fail);
+        m_answer.clear();
+        if (!rest.isEmpty())
+            FV_LOG(QStringLiteral("receive data: %1").arg(QString::fromUtf8(rest)));
+        return;
+    }
+}
+
+void UploadConnection::connectionEnded()
+{
+    if (m_closed)
+        return;
+    if (m_socket && m_socket->bytesAvailable() > 0)
+        readAnswer();
+    if (!m_responded) {
+        fail(QStringLiteral("connection closed before an answer"));
+        return;
+    }
+    FV_LOG(QStringLiteral("Finish!"));
+    m_closed = true;
+    m_idle.stop();
+}
+
+void UploadConnection::fail(const QString &why)
+{
+    if (m_closed)
+        return;
+    FV_LOG(QStringLiteral("Fail: %1").arg(why));
+    m_state->set(TransferState::Fail);
+    cancel();
+}
+
+void UploadConnection::cancel()
+{
+    m_closed = true;
+    m_idle.stop();
+    if (m_socket) {
+        m_socket->disconnect(this);
+        m_socket->abort();
+    }
+}
+
+void UploadConnection::close()
+{
+    cancel();
+    m_inputStream.close();
+}
