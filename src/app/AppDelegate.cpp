@@ -1,6 +1,8 @@
 #include "app/AppDelegate.h"
 
+#include "app/LanguageUtil.h"
 #include "app/SettingsFile.h"
+#include "catalogue/DatabaseUtils.h"
 #include "util/Log.h"
 
 #include <QCoreApplication>
@@ -61,6 +63,9 @@ AppDelegate::~AppDelegate()
 void AppDelegate::applicationDidFinishLaunching()
 {
     QThread::currentThread()->setObjectName(QStringLiteral("Application thread"));
+    // Loads the string table; the catalogue (below the app layer) reaches it through its localizer.
+    LanguageUtil::getStringByKey(QString());
+    DatabaseUtils::setLocalizer(&LanguageUtil::getStringByKey);
     loadConfig();
     // Replaced at every launch: a name the user typed lasts until the next start.
     setConfigValue(QSysInfo::machineHostName(), QStringLiteral("kKeyPCName"));

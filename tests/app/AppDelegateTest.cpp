@@ -1,6 +1,8 @@
 #include "app/AppDelegate.h"
 
+#include "app/LanguageUtil.h"
 #include "app/SettingsFile.h"
+#include "catalogue/DatabaseUtils.h"
 #include "common/TestUtil.h"
 #include "util/Log.h"
 
@@ -89,6 +91,10 @@ TEST_F(AppCore, FirstLaunchWritesDefaultsAndTheLoginItem)
     const QByteArray desktop = TestUtil::readFile(entry);
     EXPECT_TRUE(desktop.startsWith("[Desktop Entry]\n"));
     EXPECT_TRUE(desktop.contains("\nExec="));
+    // The catalogue's texts (activity-log work names) come from the string table once launched.
+    EXPECT_EQ(DatabaseUtils::localizedString(QStringLiteral("work_add")),
+              LanguageUtil::getStringByKey(QStringLiteral("work_add")));
+    EXPECT_NE(DatabaseUtils::localizedString(QStringLiteral("work_add")), QStringLiteral("work_add"));
 
     // The user renames the computer and switches automatic start off: the name lasts until the next
     // launch, the login item goes.
