@@ -117,12 +117,12 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "ferrovane-server: %s\n", qPrintable(error));
         return 1;
     }
-    for (const QString &spec : parser.values(userOption)) {
-        const QStringList parts = spec.split(u':');
+    for (const QString &account : parser.values(userOption)) {
+        const QStringList parts = account.split(u':');
         if (parts.size() < 2 || parts.size() > 3 || parts[0].isEmpty() ||
             !server.addUser(parts[0], parts[1], parts.value(2))) {
             std::fprintf(stderr, "ferrovane-server: cannot add user \"%s\" (expected ID:PASSWORD[:MAILID])\n",
-                         qPrintable(spec));
+                         qPrintable(account));
             return 2;
         }
     }
