@@ -228,6 +228,26 @@ private:
     void saveMainContext();
     bool insertDirectoryRow(const QStringList &record, const ContextPtr &context, bool create);
     void removeItem(const QString &key, bool folder, const ContextPtr &context, bool toTrash);
+    std::shared_ptr<CatalogueItem> itemWithKey(const QString &key, bool folder, const ContextPtr &context);
+    // The row an item record names, once the record is long enough (`lastField` present) and its
+    // name is acceptable; `action` starts the diagnostic line of a short record.
+    std::shared_ptr<CatalogueItem> itemForRecord(const QStringList &record, int lastField,
+                                                 const QString &action, bool folder,
+                                                 const ContextPtr &context);
+    // Where a server rename or move takes an item, and how it is logged.
+    struct Relocation
+    {
+        QString name;
+        QString path;
+        std::optional<QString> parentKey; // moves only
+        QString failFormat;               // diagnostic when the disk refuses; %1: the reason
+        QString workKey;                  // activity-log text key
+        QString detail;                   // "<before> => <after>"
+    };
+    // The row takes its new name and place first, the item follows on disk, and the row goes back
+    // when the disk refuses. Logged either way.
+    void relocateItem(const std::shared_ptr<CatalogueItem> &row, bool folder, const Relocation &to,
+                      const QString &root, const ContextPtr &context);
     void renameItem(const QStringList &record, bool folder, const ContextPtr &context);
     void moveItem(const QStringList &record, bool folder, const ContextPtr &context);
     void changePathOfItems(const QString &newPath, const QString &oldPath, bool folders,

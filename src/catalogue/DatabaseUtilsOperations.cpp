@@ -39,6 +39,12 @@ qint64 sizeOf(const CatalogueItem &row, bool folder)
     return folder ? -1 : row.size().toLongLong();
 }
 
+// How diagnostics name an item.
+QString itemNoun(bool folder)
+{
+    return folder ? QStringLiteral("Folder") : QStringLiteral("File");
+}
+
 } // namespace
 
 // --- Insert ---
@@ -175,14 +181,12 @@ void DatabaseUtils::removeItem(const QString &key, bool folder, const ContextPtr
 {
     if (!context)
         return;
-    const std::shared_ptr<CatalogueItem> row =
-        folder ? std::shared_ptr<CatalogueItem>(getDirectoryWithKey(key, context))
-               : std::shared_ptr<CatalogueItem>(getFileWithKey(key, context));
+    const std::shared_ptr<CatalogueItem> row = itemWithKey(key, folder, context);
     if (!row)
         return;
     const QString path = row->path();
     const QString root = syncFolderPath(context);
-    if (!CataloguePaths::checkInside(path, root, folder ? QStringLiteral("Folder") : QStringLiteral("File")))
+    if (!CataloguePaths::checkInside(path, root, itemNoun(folder)))
         return;
 
     if (!toTrash) {
@@ -233,52 +237,77 @@ void DatabaseUtils::deleteFile(const QString &key, const ContextPtr &context)
 
 // --- Rename and move ---
 
-void DatabaseUtils::renameItem(const QStringList &record, bool folder, const ContextPtr &context)
+std::shared_ptr<CatalogueItem> DatabaseUtils::itemWithKey(const QString &key, bool folder,
+                                                          const ContextPtr &context)
+{
+    if (folder)
+        return getDirectoryWithKey(key, context);
+    return getFileWithKey(key, context);
+}
+
+std::shared_ptr<CatalogueItem> DatabaseUtils::itemForRecord(const QStringList &record, int lastField,
+                                                            const QString &action, bool folder,
+                                                            const ContextPtr &context)
 {
     if (!context)
-        return;
-    if (record.size() <= ItemKey) {
-        FV_LOG(QStringLiteral("Rename record with %1 field(s) skipped").arg(record.size()));
-        return;
+        return nullptr;
+    if (record.size() <= lastField) {
+        FV_LOG(QStringLiteral("%1 record with %2 field(s) skipped").arg(action).arg(record.size()));
+        return nullptr;
     }
-    const QString what = folder ? QStringLiteral("Folder") : QStringLiteral("File");
-    const QString newName = field(record, ItemName);
-    if (!CataloguePaths::checkName(newName, what))
-        return;
-    const std::shared_ptr<CatalogueItem> row =
-        folder ? std::shared_ptr<CatalogueItem>(getDirectoryWithKey(field(record, ItemKey), context))
-               : std::shared_ptr<CatalogueItem>(getFileWithKey(field(record, ItemKey), context));
-    if (!row)
-        return;
-    const QString root = syncFolderPath(context);
+    if (!CataloguePaths::checkName(field(record, ItemName), itemNoun(folder)))
+        return nullptr;
+    return itemWithKey(field(record, ItemKey), folder, context);
+}
+
+void DatabaseUtils::relocateItem(const std::shared_ptr<CatalogueItem> &row, bool folder, const Relocation &to,
+                                 const QString &root, const ContextPtr &context)
+{
     const QString oldPath = row->path();
     const QString oldName = row->name();
-    QString parent = CataloguePaths::deletingLastPathComponent(oldPath);
-    const QString newPath = (parent == u"/" ? QString() : parent) + u'/' + newName;
-    if (!CataloguePaths::checkInside(oldPath, root, what) ||
-        !CataloguePaths::checkInside(newPath, root, what))
+    const QString oldParentKey = row->pkey();
+    if (!CataloguePaths::checkInside(oldPath, root, itemNoun(folder)) ||
+        !CataloguePaths::checkInside(to.path, root, itemNoun(folder)))
         return;
 
-    row->setName(newName);
-    row->setPath(newPath);
+    row->setName(to.name);
+    row->setPath(to.path);
+    if (to.parentKey)
+        row->setPkey(*to.parentKey);
     saveContext(context, QStringLiteral("%1"));
     QString error;
-    const bool moved = CataloguePaths::moveItem(oldPath, newPath, &error);
+    const bool moved = CataloguePaths::moveItem(oldPath, to.path, &error);
     if (!moved) {
-        FV_LOG((folder ? QStringLiteral("Rename directory fail: %1") : QStringLiteral("Rename file fail: %1"))
-                   .arg(error));
+        FV_LOG(to.failFormat.arg(error));
         row->setName(oldName);
         row->setPath(oldPath);
+        if (to.parentKey)
+            row->setPkey(oldParentKey);
         saveContext(context, QStringLiteral("%1"));
     } else if (folder) {
-        changePathOfDirectory(newPath, oldPath, context);
-        changePathOfFile(newPath, oldPath, context);
+        changePathOfDirectory(to.path, oldPath, context);
+        changePathOfFile(to.path, oldPath, context);
     }
     postLogFromServer(LogObject::createLogObjectWithName(
-        newName, localizedString(QStringLiteral("work_rename")), sizeOf(*row, folder),
-        CataloguePaths::relativePath(moved ? newPath : oldPath, root), folder,
-        localTimeFromDate(QDateTime::currentDateTime()), QStringLiteral("%1 => %2").arg(oldName, newName),
-        moved));
+        to.name, localizedString(to.workKey), sizeOf(*row, folder),
+        CataloguePaths::relativePath(moved ? to.path : oldPath, root), folder,
+        localTimeFromDate(QDateTime::currentDateTime()), to.detail, moved));
+}
+
+void DatabaseUtils::renameItem(const QStringList &record, bool folder, const ContextPtr &context)
+{
+    const std::shared_ptr<CatalogueItem> row =
+        itemForRecord(record, ItemKey, QStringLiteral("Rename"), folder, context);
+    if (!row)
+        return;
+    const QString newName = field(record, ItemName);
+    const QString parent = CataloguePaths::deletingLastPathComponent(row->path());
+    relocateItem(
+        row, folder,
+        {newName, (parent == u"/" ? QString() : parent) + u'/' + newName, std::nullopt,
+         folder ? QStringLiteral("Rename directory fail: %1") : QStringLiteral("Rename file fail: %1"),
+         QStringLiteral("work_rename"), QStringLiteral("%1 => %2").arg(row->name(), newName)},
+        syncFolderPath(context), context);
 }
 
 void DatabaseUtils::renameDirectory(const QStringList &record)
@@ -303,19 +332,8 @@ void DatabaseUtils::renameFile(const QStringList &record, const ContextPtr &cont
 
 void DatabaseUtils::moveItem(const QStringList &record, bool folder, const ContextPtr &context)
 {
-    if (!context)
-        return;
-    if (record.size() <= ItemPKey) {
-        FV_LOG(QStringLiteral("Move record with %1 field(s) skipped").arg(record.size()));
-        return;
-    }
-    const QString what = folder ? QStringLiteral("Folder") : QStringLiteral("File");
-    const QString name = field(record, ItemName);
-    if (!CataloguePaths::checkName(name, what))
-        return;
     const std::shared_ptr<CatalogueItem> row =
-        folder ? std::shared_ptr<CatalogueItem>(getDirectoryWithKey(field(record, ItemKey), context))
-               : std::shared_ptr<CatalogueItem>(getFileWithKey(field(record, ItemKey), context));
+        itemForRecord(record, ItemPKey, QStringLiteral("Move"), folder, context);
     if (!row)
         return;
     const QString root = syncFolderPath(context);
@@ -327,38 +345,15 @@ void DatabaseUtils::moveItem(const QStringList &record, bool folder, const Conte
         const InfomationPtr account = getInfomationWithManagedObjectContext(context);
         parentPath = account && !account->path().isEmpty() ? account->path() : root;
     }
-    const QString oldPath = row->path();
-    const QString oldName = row->name();
-    const QString oldParentKey = row->pkey();
-    const QString newPath = parentPath + u'/' + name;
-    if (!CataloguePaths::checkInside(oldPath, root, what) ||
-        !CataloguePaths::checkInside(newPath, root, what))
-        return;
-
-    row->setName(name);
-    row->setPath(newPath);
-    row->setPkey(newParentKey);
-    saveContext(context, QStringLiteral("%1"));
-    QString error;
-    const bool moved = CataloguePaths::moveItem(oldPath, newPath, &error);
-    if (!moved) {
-        FV_LOG((folder ? QStringLiteral("Rename directory fail: %1") : QStringLiteral("Move file fail: %1"))
-                   .arg(error));
-        row->setName(oldName);
-        row->setPath(oldPath);
-        row->setPkey(oldParentKey);
-        saveContext(context, QStringLiteral("%1"));
-    } else if (folder) {
-        changePathOfDirectory(newPath, oldPath, context);
-        changePathOfFile(newPath, oldPath, context);
-    }
-    postLogFromServer(LogObject::createLogObjectWithName(
-        name, localizedString(QStringLiteral("work_move")), sizeOf(*row, folder),
-        CataloguePaths::relativePath(moved ? newPath : oldPath, root), folder,
-        localTimeFromDate(QDateTime::currentDateTime()),
-        QStringLiteral("%1 => %2")
-            .arg(CataloguePaths::relativePath(oldPath, root), CataloguePaths::relativePath(newPath, root)),
-        moved));
+    const QString newPath = parentPath + u'/' + field(record, ItemName);
+    relocateItem(row, folder,
+                 {field(record, ItemName), newPath, newParentKey,
+                  folder ? QStringLiteral("Rename directory fail: %1") : QStringLiteral("Move file fail: %1"),
+                  QStringLiteral("work_move"),
+                  QStringLiteral("%1 => %2")
+                      .arg(CataloguePaths::relativePath(row->path(), root),
+                           CataloguePaths::relativePath(newPath, root))},
+                 root, context);
 }
 
 void DatabaseUtils::moveDirectory(const QStringList &record, const ContextPtr &context)
