@@ -226,6 +226,8 @@ private:
     ContextPtr ownContext();
     bool saveContext(const ContextPtr &context, const QString &format);
     void saveMainContext();
+    // An item record long enough, with acceptable names and a path inside the sync folder.
+    bool isInsertable(const QStringList &record, bool folder, const ContextPtr &context);
     bool insertDirectoryRow(const QStringList &record, const ContextPtr &context, bool create);
     void removeItem(const QString &key, bool folder, const ContextPtr &context, bool toTrash);
     std::shared_ptr<CatalogueItem> itemWithKey(const QString &key, bool folder, const ContextPtr &context);

@@ -45,23 +45,40 @@ QString itemNoun(bool folder)
     return folder ? QStringLiteral("Folder") : QStringLiteral("File");
 }
 
+// The fields of an INFO answer that every item row keeps.
+void applyInfo(CatalogueItem &row, const QStringList &info)
+{
+    row.setTime(info.value(2));
+    row.setMemo(integerValue(info.value(4)));
+    row.setPriv(info.value(5));
+    row.setTag(info.value(6));
+    row.setDesc(info.value(7));
+    row.setOwner(info.value(8));
+}
+
 } // namespace
 
 // --- Insert ---
+
+bool DatabaseUtils::isInsertable(const QStringList &record, bool folder, const ContextPtr &context)
+{
+    if (record.size() < 6) {
+        FV_LOG(QStringLiteral("%1 record with %2 field(s) skipped").arg(itemNoun(folder)).arg(record.size()));
+        return false;
+    }
+    const QString path = field(record, ItemPath);
+    return CataloguePaths::checkName(field(record, ItemName), itemNoun(folder)) &&
+           CataloguePaths::checkName(CataloguePaths::lastPathComponent(path), itemNoun(folder)) &&
+           CataloguePaths::checkInside(path, syncFolderPath(context), itemNoun(folder));
+}
 
 bool DatabaseUtils::insertDirectoryRow(const QStringList &record, const ContextPtr &context, bool create)
 {
     if (!context)
         return true;
-    if (record.size() < 6) {
-        FV_LOG(QStringLiteral("Folder record with %1 field(s) skipped").arg(record.size()));
+    if (!isInsertable(record, true, context))
         return true;
-    }
     const QString path = field(record, ItemPath);
-    if (!CataloguePaths::checkName(field(record, ItemName), QStringLiteral("Folder")) ||
-        !CataloguePaths::checkName(CataloguePaths::lastPathComponent(path), QStringLiteral("Folder")) ||
-        !CataloguePaths::checkInside(path, syncFolderPath(context), QStringLiteral("Folder")))
-        return true;
     const QString key = field(record, ItemKey);
     if (getDirectoryWithKey(key, context))
         return true; // one row per key, whatever its path
@@ -80,14 +97,8 @@ bool DatabaseUtils::insertDirectoryRow(const QStringList &record, const ContextP
         context->deleteObject(row); // the unsaved row goes with the failed operation
         return false;
     }
-    if (info && !info->isEmpty()) {
-        row->setTime(info->value(2));
-        row->setMemo(integerValue(info->value(4)));
-        row->setPriv(info->value(5));
-        row->setTag(info->value(6));
-        row->setDesc(info->value(7));
-        row->setOwner(info->value(8));
-    }
+    if (info && !info->isEmpty())
+        applyInfo(*row, *info);
     if (create) {
         if (!QDir().mkpath(path))
             FV_LOG(QStringLiteral("Cannot create path: %1").arg(path));
@@ -127,15 +138,9 @@ bool DatabaseUtils::insertFile(const QStringList &record, const ContextPtr &cont
 {
     if (!context)
         return true;
-    if (record.size() < 6) {
-        FV_LOG(QStringLiteral("File record with %1 field(s) skipped").arg(record.size()));
+    if (!isInsertable(record, false, context))
         return true;
-    }
     const QString path = field(record, ItemPath);
-    if (!CataloguePaths::checkName(field(record, ItemName), QStringLiteral("File")) ||
-        !CataloguePaths::checkName(CataloguePaths::lastPathComponent(path), QStringLiteral("File")) ||
-        !CataloguePaths::checkInside(path, syncFolderPath(context), QStringLiteral("File")))
-        return true;
     // Made unconditionally; where the file already is, this does nothing.
     QDir().mkpath(path);
 
@@ -162,14 +167,9 @@ bool DatabaseUtils::insertFile(const QStringList &record, const ContextPtr &cont
         if (CataloguePaths::itemExists(path) &&
             !CataloguePaths::setModificationDate(path, serverTimeToLocalTime(info->value(2))))
             FV_LOG(QStringLiteral("Set attribute for file: %1").arg(path));
-        row->setTime(info->value(2));
+        applyInfo(*row, *info);
         if (!info->value(3).isNull())
             row->setSize(info->value(3));
-        row->setMemo(integerValue(info->value(4)));
-        row->setPriv(info->value(5));
-        row->setTag(info->value(6));
-        row->setDesc(info->value(7));
-        row->setOwner(info->value(8));
     }
     saveContext(context, QStringLiteral("%1"));
     return true;
