@@ -56,56 +56,52 @@ bool likeMatches(const QString &string, const QString &pattern)
 Predicate::Predicate() = default; // no node: matches everything
 Predicate::Predicate(std::shared_ptr<const Node> node) : m_node(std::move(node)) {}
 
-Predicate Predicate::falsePredicate()
+Predicate Predicate::comparison(Kind kind, const QString &key, const QVariant &value)
 {
     auto node = std::make_shared<Node>();
-    node->kind = Kind::False;
-    return Predicate(node);
-}
-
-Predicate Predicate::equalTo(const QString &key, const QVariant &value)
-{
-    auto node = std::make_shared<Node>();
-    node->kind = Kind::Equal;
+    node->kind = kind;
     node->key = key;
     node->value = value;
     return Predicate(node);
 }
 
-Predicate Predicate::like(const QString &key, const QString &pattern)
+Predicate Predicate::combination(Kind kind, const Predicate &left, const Predicate &right)
 {
     auto node = std::make_shared<Node>();
-    node->kind = Kind::Like;
-    node->key = key;
-    node->value = pattern.isNull() ? QVariant() : QVariant(pattern);
+    node->kind = kind;
+    node->left = left;
+    node->right = right;
     return Predicate(node);
+}
+
+Predicate Predicate::falsePredicate()
+{
+    return comparison(Kind::False, QString(), QVariant());
+}
+
+Predicate Predicate::equalTo(const QString &key, const QVariant &value)
+{
+    return comparison(Kind::Equal, key, value);
+}
+
+Predicate Predicate::like(const QString &key, const QString &pattern)
+{
+    return comparison(Kind::Like, key, pattern.isNull() ? QVariant() : QVariant(pattern));
 }
 
 Predicate Predicate::beginsWithCD(const QString &key, const QString &prefix)
 {
-    auto node = std::make_shared<Node>();
-    node->kind = Kind::BeginsWithCD;
-    node->key = key;
-    node->value = prefix.isNull() ? QVariant() : QVariant(prefix);
-    return Predicate(node);
+    return comparison(Kind::BeginsWithCD, key, prefix.isNull() ? QVariant() : QVariant(prefix));
 }
 
 Predicate Predicate::andPredicate(const Predicate &left, const Predicate &right)
 {
-    auto node = std::make_shared<Node>();
-    node->kind = Kind::And;
-    node->left = left;
-    node->right = right;
-    return Predicate(node);
+    return combination(Kind::And, left, right);
 }
 
 Predicate Predicate::orPredicate(const Predicate &left, const Predicate &right)
 {
-    auto node = std::make_shared<Node>();
-    node->kind = Kind::Or;
-    node->left = left;
-    node->right = right;
-    return Predicate(node);
+    return combination(Kind::Or, left, right);
 }
 
 Predicate operator&&(const Predicate &left, const Predicate &right)

@@ -63,6 +63,8 @@ public:
 private:
     struct Node;
     explicit Predicate(std::shared_ptr<const Node> node);
+    static Predicate comparison(Kind kind, const QString &key, const QVariant &value);
+    static Predicate combination(Kind kind, const Predicate &left, const Predicate &right);
     std::shared_ptr<const Node> m_node;
 };
 
