@@ -22,6 +22,22 @@ const XmlElement *firstChild(const XmlElement &element, const QString &name)
     return nullptr;
 }
 
+// The computer a change is made from: the command's own PCNAME, else the signed-in one.
+QString pcNameOf(const XmlElement &command, const SessionInfo &session)
+{
+    const QString named = command.attribute(QStringLiteral("PCNAME"));
+    return named.isEmpty() ? session.pcName : named;
+}
+
+// One answer line of RENAME or DEL: the key as sent and the outcome.
+XmlElement keyResult(const XmlElement &item, int code)
+{
+    XmlElement result(QStringLiteral("KEY"));
+    result.set(QStringLiteral("KEY"), item.text.trimmed());
+    result.text = QString::number(code);
+    return result;
+}
+
 XmlElement folderElement(const StoredItem &it)
 {
     XmlElement dir(QStringLiteral("DIR"));
@@ -232,9 +248,7 @@ XmlElement CommandProcessor::workList(const XmlElement &command, const SessionIn
             .set(QStringLiteral("RESULT"), qint64(ResultCode::BadItem));
         return reply;
     }
-    QString pcName = command.attribute(QStringLiteral("PCNAME"));
-    if (pcName.isEmpty())
-        pcName = session.pcName;
+    const QString pcName = pcNameOf(command, session);
     const WorkList list = m_store.workList(session.user, after, pcName, kWorkListLimit);
     reply.set(QStringLiteral("ID"), m_clock.format(list.id));
     for (const JournalEntry &e : list.entries) {
@@ -263,9 +277,7 @@ XmlElement CommandProcessor::workList(const XmlElement &command, const SessionIn
 
 XmlElement CommandProcessor::put(const XmlElement &command, const SessionInfo &session)
 {
-    QString pcName = command.attribute(QStringLiteral("PCNAME"));
-    if (pcName.isEmpty())
-        pcName = session.pcName;
+    const QString pcName = pcNameOf(command, session);
     XmlElement reply(QStringLiteral("PUT"));
     for (const XmlElement &item : command.children) {
         XmlElement result(item.name);
@@ -294,46 +306,33 @@ XmlElement CommandProcessor::put(const XmlElement &command, const SessionInfo &s
 
 XmlElement CommandProcessor::rename(const XmlElement &command, const SessionInfo &session)
 {
-    QString pcName = command.attribute(QStringLiteral("PCNAME"));
-    if (pcName.isEmpty())
-        pcName = session.pcName;
+    const QString pcName = pcNameOf(command, session);
     XmlElement reply(QStringLiteral("RENAME"));
     for (const XmlElement &item : command.children) {
         const qint64 key = keyFrom(item.text);
         const int code =
             key ? m_store.rename(session.user, key, item.attribute(QStringLiteral("NAME")), pcName)
                 : ResultCode::UnknownItem;
-        XmlElement result(QStringLiteral("KEY"));
-        result.set(QStringLiteral("KEY"), item.text.trimmed())
-            .set(QStringLiteral("NAME"), item.attribute(QStringLiteral("NAME")));
-        result.text = QString::number(code);
-        reply.add(result);
+        reply.add(keyResult(item, code).set(QStringLiteral("NAME"), item.attribute(QStringLiteral("NAME"))));
     }
     return reply;
 }
 
 XmlElement CommandProcessor::remove(const XmlElement &command, const SessionInfo &session)
 {
-    QString pcName = command.attribute(QStringLiteral("PCNAME"));
-    if (pcName.isEmpty())
-        pcName = session.pcName;
+    const QString pcName = pcNameOf(command, session);
     XmlElement reply(QStringLiteral("DEL"));
     for (const XmlElement &item : command.children) {
         const qint64 key = keyFrom(item.text);
         const int code = key ? m_store.remove(session.user, key, pcName) : ResultCode::UnknownItem;
-        XmlElement result(QStringLiteral("KEY"));
-        result.set(QStringLiteral("KEY"), item.text.trimmed());
-        result.text = QString::number(code);
-        reply.add(result);
+        reply.add(keyResult(item, code));
     }
     return reply;
 }
 
 XmlElement CommandProcessor::move(const XmlElement &command, const SessionInfo &session)
 {
-    QString pcName = command.attribute(QStringLiteral("PCNAME"));
-    if (pcName.isEmpty())
-        pcName = session.pcName;
+    const QString pcName = pcNameOf(command, session);
     XmlElement reply(QStringLiteral("MOVE"));
     for (const XmlElement &item : command.children) {
         const qint64 source = keyFrom(item.attribute(QStringLiteral("SRC")));

@@ -47,6 +47,15 @@ bool loadTls(const QString &certFile, const QString &keyFile, QSslConfiguration 
     return true;
 }
 
+Fault makeFault(Fault::Kind kind, const QString &command, int count)
+{
+    Fault fault;
+    fault.kind = kind;
+    fault.command = command;
+    fault.count = count;
+    return fault;
+}
+
 } // namespace
 
 FerrovaneServer::FerrovaneServer(ServerConfig config, QObject *parent)
@@ -279,78 +288,51 @@ void FerrovaneServer::addFault(const Fault &fault)
 
 void FerrovaneServer::dropReplies(const QString &command, int count)
 {
-    Fault fault;
-    fault.kind = Fault::Kind::Drop;
-    fault.command = command;
-    fault.count = count;
-    addFault(fault);
+    addFault(makeFault(Fault::Kind::Drop, command, count));
 }
 
 void FerrovaneServer::cutReplies(const QString &command, int count)
 {
-    Fault fault;
-    fault.kind = Fault::Kind::CutReply;
-    fault.command = command;
-    fault.count = count;
-    addFault(fault);
+    addFault(makeFault(Fault::Kind::CutReply, command, count));
 }
 
 void FerrovaneServer::dropRepliesAfterProcessing(const QString &command, int count)
 {
-    Fault fault;
-    fault.kind = Fault::Kind::DropAfterProcessing;
-    fault.command = command;
-    fault.count = count;
-    addFault(fault);
+    addFault(makeFault(Fault::Kind::DropAfterProcessing, command, count));
 }
 
 void FerrovaneServer::failWithStatus(const QString &command, int status, int count)
 {
-    Fault fault;
-    fault.kind = Fault::Kind::HttpStatus;
-    fault.command = command;
+    Fault fault = makeFault(Fault::Kind::HttpStatus, command, count);
     fault.status = status;
-    fault.count = count;
     addFault(fault);
 }
 
 void FerrovaneServer::replyWithBody(const QString &command, const QByteArray &body, int count)
 {
-    Fault fault;
-    fault.kind = Fault::Kind::Body;
-    fault.command = command;
+    Fault fault = makeFault(Fault::Kind::Body, command, count);
     fault.body = body;
-    fault.count = count;
     addFault(fault);
 }
 
 void FerrovaneServer::delayReplies(const QString &command, int milliseconds, int count)
 {
-    Fault fault;
-    fault.kind = Fault::Kind::Delay;
-    fault.command = command;
+    Fault fault = makeFault(Fault::Kind::Delay, command, count);
     fault.delayMs = milliseconds;
-    fault.count = count;
     addFault(fault);
 }
 
 void FerrovaneServer::refuseUploads(int count, const QString &result)
 {
-    Fault fault;
-    fault.kind = Fault::Kind::RefuseUpload;
-    fault.command = QStringLiteral("UPLOAD");
+    Fault fault = makeFault(Fault::Kind::RefuseUpload, QStringLiteral("UPLOAD"), count);
     fault.result = result;
-    fault.count = count;
     addFault(fault);
 }
 
 void FerrovaneServer::cutDownloads(qint64 afterBytes, int count)
 {
-    Fault fault;
-    fault.kind = Fault::Kind::CutDownload;
-    fault.command = QStringLiteral("DOWNLOAD");
+    Fault fault = makeFault(Fault::Kind::CutDownload, QStringLiteral("DOWNLOAD"), count);
     fault.bytes = afterBytes;
-    fault.count = count;
     addFault(fault);
 }
 
