@@ -131,17 +131,23 @@ void GDataXMLElement::addChild(const std::shared_ptr<GDataXMLNode> &child)
     default:
         break;
     }
+    graftCopyOf(*child);
+}
+
+xmlNodePtr GDataXMLElement::graftCopyOf(const GDataXMLNode &node)
+{
     releaseCachedValues();
-    xmlNodePtr copy = child->XMLNodeCopy();
+    xmlNodePtr copy = node.XMLNodeCopy();
     if (!copy)
-        return;
+        return nullptr;
     // A text copy may be merged into a neighbouring text node (and freed): use the result only.
     xmlNodePtr added = xmlAddChild(m_node, copy);
     if (!added) {
         freeXMLNode(copy);
-        return;
+        return nullptr;
     }
     fixUpNamespacesForNode(added, m_node);
+    return added;
 }
 
 void GDataXMLElement::removeChild(const std::shared_ptr<GDataXMLNode> &child)
@@ -219,16 +225,9 @@ void GDataXMLElement::addAttribute(const std::shared_ptr<GDataXMLNode> &attribut
 {
     if (!isElementNode() || !attribute || attribute->kind() != GDataXMLAttributeKind)
         return;
-    releaseCachedValues();
-    xmlNodePtr copy = attribute->XMLNodeCopy();
-    if (!copy)
+    xmlNodePtr added = graftCopyOf(*attribute);
+    if (!added)
         return;
-    xmlNodePtr added = xmlAddChild(m_node, copy);
-    if (!added) {
-        freeXMLNode(copy);
-        return;
-    }
-    fixUpNamespacesForNode(added, m_node);
     // Attribute names are unique: the new one replaces any other with the same name.
     xmlAttrPtr current = m_node->properties;
     while (current) {

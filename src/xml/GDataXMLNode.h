@@ -195,6 +195,11 @@ public:
 protected:
     using GDataXMLNode::GDataXMLNode;
     friend class GDataXMLNode;
+
+private:
+    // Adds a deep copy of node as the last child (or attribute) and repairs its namespaces.
+    // The node as added, or nullptr when nothing was added.
+    xmlNodePtr graftCopyOf(const GDataXMLNode &node);
 };
 
 class GDataXMLDocument : public std::enable_shared_from_this<GDataXMLDocument>
