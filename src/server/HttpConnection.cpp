@@ -94,6 +94,24 @@ bool HttpConnection::pull()
     return true;
 }
 
+std::optional<QByteArray> HttpConnection::takeLine()
+{
+    for (;;) {
+        const qsizetype end = m_buffer.indexOf("\r\n");
+        if (end >= 0) {
+            QByteArray line = m_buffer.left(end);
+            m_buffer.remove(0, end + 2);
+            return line;
+        }
+        if (m_buffer.size() > kMaxLine) {
+            fail(400);
+            return std::nullopt;
+        }
+        if (!pull())
+            return std::nullopt;
+    }
+}
+
 void HttpConnection::processInput()
 {
     while (isReading()) {
@@ -138,16 +156,10 @@ void HttpConnection::processInput()
             continue;
         }
         case State::ReadChunkSize: {
-            const qsizetype end = m_buffer.indexOf("\r\n");
-            if (end < 0) {
-                if (m_buffer.size() > kMaxLine)
-                    return fail(400);
-                if (!pull())
-                    return;
-                continue;
-            }
-            QByteArray line = m_buffer.left(end);
-            m_buffer.remove(0, end + 2);
+            const std::optional<QByteArray> taken = takeLine();
+            if (!taken)
+                return;
+            QByteArray line = *taken;
             const qsizetype semicolon = line.indexOf(';');
             if (semicolon >= 0)
                 line.truncate(semicolon);
@@ -176,16 +188,10 @@ void HttpConnection::processInput()
             m_state = State::ReadChunkSize;
             continue;
         case State::ReadTrailers: {
-            const qsizetype end = m_buffer.indexOf("\r\n");
-            if (end < 0) {
-                if (m_buffer.size() > kMaxLine)
-                    return fail(400);
-                if (!pull())
-                    return;
-                continue;
-            }
-            m_buffer.remove(0, end + 2);
-            if (end == 0)
+            const std::optional<QByteArray> line = takeLine();
+            if (!line)
+                return;
+            if (line->isEmpty())
                 completeRequest();
             continue;
         }

@@ -18,6 +18,7 @@
 #include <QUrlQuery>
 #include <any>
 #include <memory>
+#include <optional>
 
 class QTcpSocket;
 class QSslSocket;
@@ -99,6 +100,9 @@ private:
     void onDisconnected();
     void processInput();
     bool pull();
+    // The next CRLF-ended line, taken off the buffer (reading more as needed). Nullopt when it has
+    // not all come yet, or when it grew too long (the request has then failed).
+    std::optional<QByteArray> takeLine();
     bool parseHead(const QByteArray &head);
     void beginBody();
     bool consumeBody(const QByteArray &data);
