@@ -62,7 +62,7 @@ TEST_P(ClassifierCases, BatchGivesTheExpectedMessages)
         if (path.endsWith(u'/'))
             QDir().mkpath(root + u'/' + path);
         else
-            DaemonTest::write(root + u'/' + path);
+            FileTest::write(root + u'/' + path);
     }
     ChangeClassifier classifier(root);
     classifier.scanTree();
@@ -137,7 +137,7 @@ TEST(ChangeClassifier, KnownTreeFollowsTheBatches)
 {
     QTemporaryDir dir;
     const QString root = dir.path();
-    DaemonTest::write(root + u"/f.txt"_qs);
+    FileTest::write(root + u"/f.txt"_qs);
     ChangeClassifier classifier(root);
     classifier.scanTree();
     EXPECT_EQ(classifier.knownCount(), 1);

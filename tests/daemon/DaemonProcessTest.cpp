@@ -19,7 +19,7 @@
 #include <QTimer>
 #include <gtest/gtest.h>
 
-using namespace DaemonTest;
+using namespace FileTest;
 
 namespace {
 

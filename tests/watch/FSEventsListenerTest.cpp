@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 using namespace FSEventFlag;
+using namespace FileTest;
 using namespace WatchTest;
 
 namespace {

@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+using namespace FileTest;
 using namespace WatchTest;
 
 namespace {

@@ -1,46 +1,16 @@
 #pragma once
-// Shared helpers of the watcher tests: real file operations that fail the test when they fail,
-// and a kernel-call wrapper that refuses watches as a full kernel table would.
+// Shared helpers of the watcher tests: making folders that fails the test when it fails, and a
+// kernel-call wrapper that refuses watches as a full kernel table would.
 
+#include "common/FileTestSupport.h"
 #include "watch/InotifySystem.h"
 
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QString>
 #include <cerrno>
-#include <cstdio>
-#include <gtest/gtest.h>
-
-// Readable failure output for Qt strings and lists.
-QT_BEGIN_NAMESPACE
-inline void PrintTo(const QString &text, std::ostream *out)
-{
-    *out << '"' << text.toStdString() << '"';
-}
-inline void PrintTo(const QStringList &list, std::ostream *out)
-{
-    *out << "{\n";
-    for (const QString &text : list)
-        *out << "  \"" << text.toStdString() << "\"\n";
-    *out << "}";
-}
-QT_END_NAMESPACE
 
 namespace WatchTest {
-
-inline void write(const QString &path, const QByteArray &data = "data")
-{
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate)) << qPrintable(path);
-    ASSERT_EQ(file.write(data), data.size());
-}
-
-inline void move(const QString &from, const QString &to)
-{
-    ASSERT_EQ(std::rename(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()), 0)
-        << qPrintable(from) << " -> " << qPrintable(to);
-}
 
 inline void mkpath(const QString &path)
 {
