@@ -1,7 +1,9 @@
+// FileInternetBase against the local server: whole answers with progress, the failure codes, the
+// multipart form as an upload, and cancelling.
 #include "RestLibrary/FileInternetBase.h"
 
 #include "RestLibrary/RestClient.h"
-#include "TestHttpsServer.h"
+#include "common/TestServer.h"
 #include "common/TestUtil.h"
 
 #include <QCoreApplication>
@@ -29,100 +31,117 @@ struct TransferRecorder : FileInternetBaseDelegate
     bool ended() const { return succeeded || failCode != 0; }
 };
 
-TestResponse body(const QByteArray &bytes, TestResponse::Action a = TestResponse::Reply, int status = 200)
+class FileInternetBaseServer : public ::testing::Test
 {
-    TestResponse r;
-    r.action = a;
-    r.body = bytes;
-    r.status = status;
-    return r;
-}
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(server.ok()) << qPrintable(server.error());
+        ASSERT_TRUE(server->addUser(kUser, QStringLiteral("pw")));
+        session = server.signIn(kUser, QStringLiteral("pw"));
+        ASSERT_FALSE(session.isEmpty());
+        for (qsizetype i = 0; i < payload.size(); ++i)
+            payload[i] = char((i * 13) % 251);
+        key = server->putFile(kUser, QStringLiteral("pictures/big.bin"), payload);
+        ASSERT_FALSE(key.isEmpty());
+        client.setHost(server->domain());
+        server->clearRequestLog();
+    }
+
+    // The form the sync engine's single-file fetch uses.
+    QString transferUrl(const QString &action) const
+    {
+        return QStringLiteral("cgi-bin/cloudXml.cgi?do=%1&session=%2&key=%3&offset=0")
+            .arg(action, session, key);
+    }
+
+    const QString kUser = QStringLiteral("erin");
+    TestServer server;
+    QString session;
+    QString key;
+    QByteArray payload = QByteArray(300 * 1024, Qt::Uninitialized);
+    RestClient client;
+};
 
 } // namespace
 
-TEST(FileInternetBase, DownloadGathersTheAnswerWithPercentProgress)
+TEST_F(FileInternetBaseServer, DownloadGathersTheAnswerWithPercentProgress)
 {
-    const QByteArray payload(300 * 1024, 'z');
-    TestHttpsServer server([&](const TestRequest &) { return body(payload); });
-    RestClient client;
-    client.setHost(server.domain());
     TransferRecorder recorder;
     QPointer<FileInternetBase> transfer =
-        client.downloadFileWithURL(QStringLiteral("thumb.cgi?key=9"), &recorder);
+        client.downloadFileWithURL(transferUrl(QStringLiteral("download")), &recorder);
     ASSERT_TRUE(TestUtil::waitFor([&] { return recorder.ended(); }));
     EXPECT_TRUE(recorder.succeeded);
     EXPECT_EQ(recorder.data, payload);
     EXPECT_EQ(recorder.length, payload.size());
     ASSERT_FALSE(recorder.percents.isEmpty());
+    EXPECT_TRUE(std::is_sorted(recorder.percents.cbegin(), recorder.percents.cend()));
     EXPECT_FLOAT_EQ(recorder.percents.last(), 100.0f);
-    EXPECT_EQ(server.requests().value(0).method, QByteArray("GET"));
-    EXPECT_EQ(server.requests().value(0).target, QByteArray("/thumb.cgi?key=9"));
+    const QList<RequestLogEntry> log = server->requestLog();
+    ASSERT_EQ(log.size(), 1);
+    EXPECT_EQ(log[0].command, QStringLiteral("DOWNLOAD"));
+    EXPECT_EQ(log[0].method, QStringLiteral("GET"));
     // It releases itself after the last callback.
     EXPECT_TRUE(TestUtil::waitFor([&] { return transfer.isNull(); }));
 }
 
-TEST(FileInternetBase, FailureCodesTellWhetherTheAnswerHadStarted)
+TEST_F(FileInternetBaseServer, FailureCodesTellWhetherTheAnswerHadStarted)
 {
-    struct Case
-    {
-        TestResponse response;
-        int code;
+    const auto fetch = [&](TransferRecorder &recorder) {
+        client.downloadFileWithURL(transferUrl(QStringLiteral("download")), &recorder);
+        return TestUtil::waitFor([&] { return recorder.ended(); });
     };
-    const QList<Case> cases = {
-        {body({}, TestResponse::Drop), 2},           // nothing arrived
-        {body("partial", TestResponse::CutBody), 1}, // broke during the answer
-    };
-    for (const Case &c : cases) {
-        TestHttpsServer server([&](const TestRequest &) { return c.response; });
-        RestClient client;
-        client.setHost(server.domain());
-        TransferRecorder recorder;
-        client.downloadFileWithURL(QStringLiteral("f"), &recorder);
-        ASSERT_TRUE(TestUtil::waitFor([&] { return recorder.ended(); }));
-        EXPECT_EQ(recorder.failCode, c.code) << "action " << c.response.action;
-        EXPECT_FALSE(recorder.succeeded);
-    }
+    // Broke during the answer: after part of the body, or right after the head.
+    server->cutDownloads(64 * 1024);
+    TransferRecorder cut;
+    ASSERT_TRUE(fetch(cut));
+    EXPECT_EQ(cut.failCode, 1);
+    EXPECT_EQ(cut.length, payload.size());
+    server->cutReplies(QStringLiteral("DOWNLOAD"));
+    TransferRecorder headOnly;
+    ASSERT_TRUE(fetch(headOnly));
+    EXPECT_EQ(headOnly.failCode, 1);
 
     // An HTTP error answer is still an answer: its body is handed over.
-    TestHttpsServer server([](const TestRequest &) { return body("missing", TestResponse::Reply, 404); });
-    RestClient client;
-    client.setHost(server.domain());
-    TransferRecorder recorder;
-    client.downloadFileWithURL(QStringLiteral("f"), &recorder);
-    ASSERT_TRUE(TestUtil::waitFor([&] { return recorder.ended(); }));
-    EXPECT_TRUE(recorder.succeeded);
-    EXPECT_EQ(recorder.data, QByteArray("missing"));
+    server->failWithStatus(QStringLiteral("DOWNLOAD"), 404);
+    TransferRecorder error;
+    ASSERT_TRUE(fetch(error));
+    EXPECT_TRUE(error.succeeded);
+    EXPECT_EQ(error.data, QByteArray("Not Found\n"));
+
+    // Nothing arrived at all.
+    client.setHost(QStringLiteral("127.0.0.1:1"));
+    TransferRecorder nobody;
+    ASSERT_TRUE(fetch(nobody));
+    EXPECT_EQ(nobody.failCode, 2);
+    EXPECT_FALSE(cut.succeeded || headOnly.succeeded || nobody.succeeded);
 }
 
-TEST(FileInternetBase, UploadSendsTheFormAndReportsFractions)
+TEST_F(FileInternetBaseServer, UploadSendsTheFormByteForByteAndReportsFractions)
 {
-    TestHttpsServer server([](const TestRequest &) { return body("ok"); });
-    RestClient client;
-    client.setHost(server.domain());
-    client.addParam(QStringLiteral("data"), QString(200 * 1024, QLatin1Char('d')));
+    // Every parameter also travels as a header, so each stays under the server's header limit.
+    client.addParam(QStringLiteral("name"), QStringLiteral("caf\u00e9"));
+    client.addParam(QStringLiteral("data"), QString(40 * 1024, QLatin1Char('d')));
     TransferRecorder recorder;
-    client.uploadFileWithURL(QStringLiteral("up.cgi"), &recorder);
+    client.uploadFileWithURL(transferUrl(QStringLiteral("upload")), &recorder);
     ASSERT_TRUE(TestUtil::waitFor([&] { return recorder.ended(); }));
     EXPECT_TRUE(recorder.succeeded);
-    EXPECT_EQ(server.requests().value(0).body, client.getHeadersData());
+    EXPECT_EQ(recorder.data, QByteArray("0")); // the server's verdict: stored
+    // The server stores the body as it came: the whole multipart form.
+    EXPECT_EQ(server->fileContents(kUser, QStringLiteral("pictures/big.bin")), client.getHeadersData());
     // Body progress runs 0..1 while answer progress runs 0..100.
-    bool sawFraction = false;
-    for (float p : recorder.percents) {
-        if (p > 0.0f && p <= 1.0f)
-            sawFraction = true;
-    }
-    EXPECT_TRUE(sawFraction);
+    EXPECT_TRUE(std::any_of(recorder.percents.cbegin(), recorder.percents.cend(),
+                            [](float p) { return p > 0.0f && p <= 1.0f; }));
     EXPECT_FLOAT_EQ(recorder.percents.last(), 100.0f);
 }
 
-TEST(FileInternetBase, CancelStopsWithoutCallbacks)
+TEST_F(FileInternetBaseServer, CancelStopsWithoutCallbacks)
 {
-    TestHttpsServer server([](const TestRequest &) { return body({}, TestResponse::Hang); });
-    RestClient client;
-    client.setHost(server.domain());
+    server->delayReplies(QStringLiteral("DOWNLOAD"), 60000);
     TransferRecorder recorder;
-    QPointer<FileInternetBase> transfer = client.downloadFileWithURL(QStringLiteral("f"), &recorder);
-    ASSERT_TRUE(TestUtil::waitFor([&] { return server.requests().size() == 1; }));
+    QPointer<FileInternetBase> transfer =
+        client.downloadFileWithURL(transferUrl(QStringLiteral("download")), &recorder);
+    ASSERT_TRUE(TestUtil::waitFor([&] { return server->requestLog().size() == 1; }));
     transfer->cancel();
     EXPECT_TRUE(TestUtil::waitFor([&] {
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);

@@ -1,21 +1,16 @@
 #include "TestHttpsServer.h"
 
-#include "common/TestUtil.h"
+#include "server/SelfSignedCertificate.h"
 
-#include <QDir>
 #include <QFile>
-#include <QPointer>
-#include <QProcess>
 #include <QSslCertificate>
 #include <QSslConfiguration>
 #include <QSslKey>
 #include <QSslServer>
 #include <QSslSocket>
-#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QThread>
-#include <atomic>
-#include <mutex>
+#include <memory>
 
 namespace {
 struct CertFiles
@@ -24,40 +19,17 @@ struct CertFiles
     QString key;
 };
 
-CertFiles makeCertificate(const QString &prefix)
+CertFiles untrustedCertFiles()
 {
     static QTemporaryDir dir;
-    const QString cert = dir.filePath(prefix + QStringLiteral("cert.pem"));
-    const QString key = dir.filePath(prefix + QStringLiteral("key.pem"));
-    {
-        QProcess openssl;
-        openssl.start(QStringLiteral("openssl"),
-                      {QStringLiteral("req"), QStringLiteral("-x509"), QStringLiteral("-newkey"),
-                       QStringLiteral("rsa:2048"), QStringLiteral("-nodes"), QStringLiteral("-keyout"), key,
-                       QStringLiteral("-out"), cert, QStringLiteral("-days"), QStringLiteral("2"),
-                       QStringLiteral("-subj"), QStringLiteral("/CN=localhost"), QStringLiteral("-addext"),
-                       QStringLiteral("subjectAltName=IP:127.0.0.1,DNS:localhost")});
-        if (!openssl.waitForFinished(60000) || openssl.exitCode() != 0)
-            return {};
-    }
-    return {cert, key};
-}
-
-const CertFiles &certFiles()
-{
-    static CertFiles files;
-    static std::once_flag once;
-    std::call_once(once, [] {
-        files = makeCertificate(QStringLiteral("trusted-"));
-        if (!files.cert.isEmpty())
-            qputenv("FERROVANE_CA_FILE", QFile::encodeName(files.cert));
-    });
-    return files;
-}
-
-const CertFiles &untrustedCertFiles()
-{
-    static const CertFiles files = makeCertificate(QStringLiteral("untrusted-"));
+    static const CertFiles files = [] {
+        const QString cert = dir.filePath(QStringLiteral("untrusted-cert.pem"));
+        const QString key = dir.filePath(QStringLiteral("untrusted-key.pem"));
+        QString error;
+        if (!SelfSignedCertificate::generate(cert, key, &error))
+            return CertFiles{};
+        return CertFiles{cert, key};
+    }();
     return files;
 }
 
@@ -84,13 +56,14 @@ public:
 
     quint16 listen(bool trusted)
     {
-        const CertFiles &files = trusted ? certFiles() : untrustedCertFiles();
+        const CertFiles files =
+            trusted ? CertFiles{TestServer::certificatePath(), TestServer::keyPath()} : untrustedCertFiles();
         QSslConfiguration config = QSslConfiguration::defaultConfiguration();
         QFile certFile(files.cert), keyFile(files.key);
         if (!certFile.open(QIODevice::ReadOnly) || !keyFile.open(QIODevice::ReadOnly))
             return 0;
         config.setLocalCertificate(QSslCertificate(&certFile, QSsl::Pem));
-        config.setPrivateKey(QSslKey(&keyFile, QSsl::Rsa, QSsl::Pem));
+        config.setPrivateKey(QSslKey(&keyFile, QSsl::Ec, QSsl::Pem));
         config.setPeerVerifyMode(QSslSocket::VerifyNone);
         m_server = new QSslServer(this);
         m_server->setSslConfiguration(config);
@@ -140,7 +113,6 @@ private:
                 if (colon <= 0)
                     continue;
                 const QByteArray name = line.left(colon).trimmed();
-                c.request.headerOrder.append(name);
                 c.request.headers.insert(name.toLower(), line.mid(colon + 1).trimmed());
             }
             c.expected = c.request.headers.value("content-length", "0").toLongLong();
@@ -156,23 +128,13 @@ private:
 
     void respond(QTcpSocket *socket, const TestResponse &r)
     {
-        switch (r.action) {
-        case TestResponse::Drop:
-            socket->abort();
-            return;
-        case TestResponse::Hang:
-            return;
-        default:
-            break;
-        }
         QByteArray head = "HTTP/1.1 " + QByteArray::number(r.status) + ' ' + reasonFor(r.status) + "\r\n";
         for (const auto &[name, value] : r.headers)
             head += name + ": " + value + "\r\n";
         qint64 announced = r.body.size();
         if (r.action == TestResponse::CutBody || r.action == TestResponse::HeadersThenHang)
             announced += 1000;
-        if (r.sendContentLength)
-            head += "Content-Length: " + QByteArray::number(announced) + "\r\n";
+        head += "Content-Length: " + QByteArray::number(announced) + "\r\n";
         head += "Connection: close\r\n\r\n";
         socket->write(head);
         socket->write(r.body);
@@ -191,19 +153,9 @@ private:
     QSslServer *m_server = nullptr;
 };
 
-QString TestHttpsServer::certificatePath()
-{
-    return certFiles().cert;
-}
-QString TestHttpsServer::keyPath()
-{
-    return certFiles().key;
-}
-
 TestHttpsServer::TestHttpsServer(Handler handler, bool trusted)
     : m_handler(std::move(handler)), m_trusted(trusted)
 {
-    certFiles();
     m_thread = new QThread;
     m_thread->setObjectName(QStringLiteral("test https server"));
     m_worker = new TestHttpsServerWorker(this);
@@ -233,12 +185,6 @@ QList<TestRequest> TestHttpsServer::requests() const
     return m_requests;
 }
 
-void TestHttpsServer::setHandler(Handler handler)
-{
-    QMutexLocker lock(&m_mutex);
-    m_handler = std::move(handler);
-}
-
 void TestHttpsServer::record(const TestRequest &request)
 {
     QMutexLocker lock(&m_mutex);
@@ -253,16 +199,4 @@ TestResponse TestHttpsServer::answer(const TestRequest &request)
         handler = m_handler;
     }
     return handler ? handler(request) : TestResponse{};
-}
-
-bool runOffMainThread(const std::function<void()> &job, int timeoutMs)
-{
-    auto done = std::make_shared<std::atomic<bool>>(false);
-    QThread *thread = QThread::create([job, done] {
-        job();
-        *done = true;
-    });
-    QObject::connect(thread, &QThread::finished, thread, &QObject::deleteLater);
-    thread->start();
-    return TestUtil::waitFor([done] { return done->load(); }, timeoutMs);
 }

@@ -1,6 +1,10 @@
 #pragma once
-// A small HTTPS server for transport tests: runs on its own thread, answers each request through a
-// handler and can misbehave on purpose (drop, cut, hang). One request per connection.
+// A small HTTPS server for what the local server cannot do: present a certificate the client does
+// not trust, answer with heads the local server never writes (a verdict under an error status, a
+// head followed by a body that never comes or is cut), and record the requests' headers as sent.
+// Runs on its own thread; answers each request through a handler; one request per connection.
+
+#include "common/TestServer.h"
 
 #include <QByteArray>
 #include <QList>
@@ -8,7 +12,6 @@
 #include <QMutex>
 #include <QString>
 #include <functional>
-#include <memory>
 
 class QThread;
 class TestHttpsServerWorker;
@@ -19,23 +22,19 @@ struct TestRequest
     QByteArray target;                    // path and query as sent
     QMap<QByteArray, QByteArray> headers; // names in lower case
     QByteArray body;
-    QList<QByteArray> headerOrder; // names as sent, in order
 };
 
 struct TestResponse
 {
     enum Action {
         Reply,           // status, headers, whole body, close
-        Drop,            // close without a byte
         CutBody,         // announce body.size() + 1000 bytes, send body, close
         HeadersThenHang, // send head and body, announce 1000 more bytes, never close
-        Hang,            // never answer
     };
     Action action = Reply;
     int status = 200;
     QList<QPair<QByteArray, QByteArray>> headers;
     QByteArray body;
-    bool sendContentLength = true;
 };
 
 class TestHttpsServer
@@ -43,12 +42,8 @@ class TestHttpsServer
 public:
     using Handler = std::function<TestResponse(const TestRequest &)>;
 
-    // A certificate for 127.0.0.1 / localhost made once per process; also points FERROVANE_CA_FILE at
-    // it (the client reads that once, so every test of a process shares it). Empty on failure.
-    static QString certificatePath();
-    static QString keyPath();
-
-    // `trusted` false serves a second self-signed certificate that the client does not trust.
+    // `trusted` serves the certificate of TestServer (trusted by this process); false serves a
+    // second self-signed certificate that the client does not trust.
     explicit TestHttpsServer(Handler handler, bool trusted = true);
     ~TestHttpsServer();
     TestHttpsServer(const TestHttpsServer &) = delete;
@@ -57,7 +52,6 @@ public:
     quint16 port() const { return m_port; }
     QString domain() const; // "127.0.0.1:<port>"
     QList<TestRequest> requests() const;
-    void setHandler(Handler handler);
 
 private:
     friend class TestHttpsServerWorker;
@@ -72,7 +66,3 @@ private:
     quint16 m_port = 0;
     bool m_trusted = true;
 };
-
-// Runs `job` on a fresh thread while this (main) thread spins its event loop; false if it did not
-// end within `timeoutMs` (the thread is then left to finish on its own).
-bool runOffMainThread(const std::function<void()> &job, int timeoutMs = 30000);

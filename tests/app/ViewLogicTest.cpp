@@ -1,10 +1,10 @@
-#include "TestHttpsServer.h"
 #include "app/AccountView.h"
 #include "app/CDLoginView.h"
 #include "app/LanguageUtil.h"
 #include "catalogue/DatabaseUtils.h"
 #include "catalogue/ManagedObjectContext.h"
 #include "catalogue/PersistentStoreCoordinator.h"
+#include "common/TestServer.h"
 #include "common/TestUtil.h"
 #include "server/FerrovaneServer.h"
 #include "util/AppServices.h"
@@ -70,13 +70,7 @@ protected:
     void SetUp() override
     {
         QLocale::setDefault(QLocale::c());
-        ServerConfig config;
-        config.dataDir = serverDir.path();
-        config.certFile = TestHttpsServer::certificatePath(); // the certificate this process trusts
-        config.keyFile = TestHttpsServer::keyPath();
-        server = std::make_unique<FerrovaneServer>(config);
-        QString error;
-        ASSERT_TRUE(server->start(&error)) << qPrintable(error);
+        ASSERT_TRUE(server.ok()) << qPrintable(server.error());
         ASSERT_TRUE(server->addUser(QStringLiteral("alice"), QStringLiteral("p<&\"w'>"),
                                     QStringLiteral("alice@corp")));
 
@@ -109,9 +103,8 @@ protected:
         }));
     }
 
-    QTemporaryDir serverDir;
     QTemporaryDir storeDir;
-    std::unique_ptr<FerrovaneServer> server;
+    TestServer server;
     FakeServices services;
     LoginDelegate delegate;
 };

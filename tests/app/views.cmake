@@ -1,3 +1,3 @@
 ferrovane_add_test(ferrovane_views_tests LABEL integration
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/ViewLogicTest.cpp
-  LIBS ferrovane_app ferrovane_server ferrovane_https_fixture)
+  LIBS ferrovane_app ferrovane_testserver)

@@ -1,7 +1,6 @@
 #include "CatalogueTestSupport.h"
 
 #include "RestLibrary/RestClient.h"
-#include "server/SelfSignedCertificate.h"
 #include "util/NotificationCenter.h"
 #include "xml/GDataXMLNode.h"
 
@@ -134,28 +133,6 @@ QStringList ActivityLog::texts() const
 
 namespace {
 
-struct Certificate
-{
-    QTemporaryDir dir;
-    QString cert, key;
-    bool ok = false;
-};
-
-// One certificate per process: the client's trust is read once.
-const Certificate &certificate()
-{
-    static Certificate *made = [] {
-        auto *c = new Certificate;
-        c->cert = c->dir.filePath(QStringLiteral("cert.pem"));
-        c->key = c->dir.filePath(QStringLiteral("key.pem"));
-        QString error;
-        c->ok = SelfSignedCertificate::generate(c->cert, c->key, &error);
-        qputenv("FERROVANE_CA_FILE", QFile::encodeName(c->cert));
-        return c;
-    }();
-    return *made;
-}
-
 std::shared_ptr<GDataXMLElement> commandElement(const std::shared_ptr<GDataXMLDocument> &doc,
                                                 const QString &name)
 {
@@ -175,30 +152,14 @@ QString attributeOf(const std::shared_ptr<GDataXMLElement> &element, const QStri
 
 ServerHarness::ServerHarness()
 {
-    const Certificate &cert = certificate();
-    if (!cert.ok)
-        return;
-    ServerConfig config;
-    config.dataDir = m_data.path();
-    config.certFile = cert.cert;
-    config.keyFile = cert.key;
-    m_server = std::make_unique<FerrovaneServer>(config);
-    QString error;
-    if (!m_server->start(&error)) {
-        ADD_FAILURE() << "server: " << qPrintable(error);
+    if (!m_server.ok()) {
+        ADD_FAILURE() << "server: " << qPrintable(m_server.error());
         return;
     }
     m_server->addUser(user(), QStringLiteral("secret"));
+    session = m_server.signIn(user(), QStringLiteral("secret"), QStringLiteral("desk"), &timezone);
     RestClient client;
     client.setHost(m_server->domain());
-    const auto login = commandElement(
-        client.postNonAsyncWithURL(
-            QStringLiteral("cgi-bin/cloudXml.cgi"),
-            QStringLiteral("<XML><LOGIN ID=\"bob\" PASSWORD=\"secret\" ENCODE=\"raw\" PCNAME = \"desk\" "
-                           "MAC=\"00:11:22:33:44:55\" VER=\"1.0\"></LOGIN></XML>")),
-        QStringLiteral("LOGIN"));
-    session = attributeOf(login, QStringLiteral("RESULT"));
-    timezone = attributeOf(login, QStringLiteral("TIMEZONE"));
     const auto list =
         commandElement(client.postNonAsyncWithURL(
                            QStringLiteral("cgi-bin/cloudXml.cgi"),

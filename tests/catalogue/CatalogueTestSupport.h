@@ -6,6 +6,7 @@
 #include "catalogue/DatabaseUtils.h"
 #include "catalogue/ManagedObjectContext.h"
 #include "catalogue/PersistentStoreCoordinator.h"
+#include "common/TestServer.h"
 #include "common/TestUtil.h"
 #include "server/FerrovaneServer.h"
 #include "util/AppServices.h"
@@ -88,15 +89,14 @@ public:
     ServerHarness();
     ~ServerHarness();
     bool ok() const { return m_ok; }
-    FerrovaneServer &server() { return *m_server; }
+    FerrovaneServer &server() { return m_server.server(); }
     QString session;
     QString timezone;
     QString rootKey;
     static QString user() { return QStringLiteral("bob"); }
 
 private:
-    QTemporaryDir m_data;
-    std::unique_ptr<FerrovaneServer> m_server;
+    TestServer m_server;
     bool m_ok = false;
 };
 

@@ -1,6 +1,8 @@
+// DownloadFile against the local server: contents, digest and date; a shorter file over a longer
+// one; error pages; cut and missing answers.
 #include "protocol/DownloadFile.h"
 
-#include "TestHttpsServer.h"
+#include "common/TestServer.h"
 #include "common/TestUtil.h"
 
 #include <QCryptographicHash>
@@ -11,93 +13,104 @@
 
 namespace {
 
-TestResponse answer(const QByteArray &body, TestResponse::Action action = TestResponse::Reply,
-                    int status = 200)
-{
-    TestResponse r;
-    r.action = action;
-    r.status = status;
-    r.body = body;
-    return r;
-}
-
 QString md5(const QByteArray &data)
 {
     return QString::fromLatin1(QCryptographicHash::hash(data, QCryptographicHash::Md5).toHex());
 }
 
-struct DownloadFixture : ::testing::Test
+class DownloadServer : public ::testing::Test
 {
-    QTemporaryDir dir;
-    QString path = dir.filePath(QStringLiteral("photo.jpg"));
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(server.ok()) << qPrintable(server.error());
+        ASSERT_TRUE(server->addUser(kUser, QStringLiteral("pw")));
+        session = server.signIn(kUser, QStringLiteral("pw"));
+        ASSERT_FALSE(session.isEmpty());
+        server->clearRequestLog();
+    }
 
-    bool download(TestHttpsServer &server, QString *digest, const QDateTime &time = {})
+    // Stores `contents` on the server; the URL that fetches it.
+    QString stored(const QByteArray &contents)
+    {
+        const QString key = server->putFile(kUser, QStringLiteral("photo.jpg"), contents);
+        EXPECT_FALSE(key.isEmpty());
+        return QStringLiteral("%1?do=download&session=%2&key=%3").arg(server->url(), session, key);
+    }
+
+    bool download(const QString &url, QString *digest, const QDateTime &time = {})
     {
         bool ok = false;
-        const QString url = QStringLiteral("https://%1/?do=download&session=S1&key=K2").arg(server.domain());
         EXPECT_TRUE(
             runOffMainThread([&] { ok = DownloadFile::downloadFileFromURL(url, path, digest, time); }));
         return ok;
     }
+
+    const QString kUser = QStringLiteral("gina");
+    TestServer server;
+    QString session;
+    QTemporaryDir dir;
+    QString path = dir.filePath(QStringLiteral("photo.jpg"));
 };
 
 } // namespace
 
-TEST_F(DownloadFixture, WritesTheBodyDigestsItAndSetsTheDate)
+TEST_F(DownloadServer, WritesTheBodyDigestsItAndSetsTheDate)
 {
     QByteArray content(3 * 1024 * 1024 + 11, Qt::Uninitialized);
     for (qsizetype i = 0; i < content.size(); ++i)
         content[i] = char((i * 7) % 253);
-    TestHttpsServer server([&](const TestRequest &) { return answer(content); });
+    const QString url = stored(content);
     const QDateTime when(QDate(2013, 1, 28), QTime(9, 30, 15), QTimeZone::utc());
     QString digest;
-    ASSERT_TRUE(download(server, &digest, when));
+    ASSERT_TRUE(download(url, &digest, when));
     EXPECT_EQ(TestUtil::readFile(path), content);
     EXPECT_EQ(digest, md5(content));
     EXPECT_EQ(QFileInfo(path).lastModified().toUTC(), when);
 
-    const TestRequest sent = server.requests().value(0);
-    EXPECT_EQ(sent.method, QByteArray("POST"));
-    EXPECT_EQ(sent.target, QByteArray("/?do=download&session=S1&key=K2"));
-    EXPECT_TRUE(sent.body.isEmpty());
+    const QList<RequestLogEntry> log = server->requestLog();
+    ASSERT_EQ(log.size(), 1);
+    EXPECT_EQ(log[0].command, QStringLiteral("DOWNLOAD"));
+    EXPECT_EQ(log[0].method, QStringLiteral("POST"));
+    EXPECT_EQ(log[0].bodySize, 0);
 }
 
-TEST_F(DownloadFixture, ShorterContentLeavesTheOldTailAndAnErrorPageIsStillSaved)
+TEST_F(DownloadServer, ShorterFileLeavesTheOldTailAndAnErrorPageIsStillSaved)
 {
     ASSERT_TRUE(TestUtil::writeFile(path, "0123456789ABCDEF"));
     const QDateTime before = QFileInfo(path).lastModified();
-    TestResponse next = answer("new");
-    TestHttpsServer server([&next](const TestRequest &) { return next; });
+    const QString url = stored("new");
     QString digest;
-    ASSERT_TRUE(download(server, &digest));
+    ASSERT_TRUE(download(url, &digest));
     EXPECT_EQ(TestUtil::readFile(path), QByteArray("new3456789ABCDEF"));
     EXPECT_EQ(digest, md5("new"));                     // the digest covers what came, not the file
     EXPECT_GE(QFileInfo(path).lastModified(), before); // no time given: the system's dates
 
-    next = answer("<html>missing</html>", TestResponse::Reply, 404);
-    ASSERT_TRUE(download(server, &digest));
-    EXPECT_EQ(TestUtil::readFile(path).left(20), QByteArray("<html>missing</html>"));
-    EXPECT_EQ(digest, md5("<html>missing</html>"));
+    server->failWithStatus(QStringLiteral("DOWNLOAD"), 404);
+    ASSERT_TRUE(download(url, &digest));
+    EXPECT_EQ(TestUtil::readFile(path), QByteArray("Not Found\nABCDEF"));
+    EXPECT_EQ(digest, md5("Not Found\n"));
 }
 
-TEST_F(DownloadFixture, CutOrDroppedAnswersFailAndLeaveTheDigestAlone)
+TEST_F(DownloadServer, CutOrMissingAnswersFailAndLeaveTheDigestAlone)
 {
-    TestResponse next = answer("partial", TestResponse::CutBody);
-    TestHttpsServer server([&next](const TestRequest &) { return next; });
+    const QString url = stored(QByteArray(256 * 1024, 'c'));
     QString digest = QStringLiteral("untouched");
-    EXPECT_FALSE(download(server, &digest));
+    server->cutDownloads(1000);
+    EXPECT_FALSE(download(url, &digest));
     EXPECT_EQ(digest, QStringLiteral("untouched"));
 
+    // A reply cut right after its head: nothing arrived, nothing created.
     QFile::remove(path);
-    next = answer({}, TestResponse::Drop);
-    EXPECT_FALSE(download(server, &digest));
-    EXPECT_EQ(digest, QStringLiteral("untouched"));
-    EXPECT_FALSE(QFileInfo::exists(path)); // nothing arrived, nothing created
+    server->cutReplies(QStringLiteral("DOWNLOAD"));
+    EXPECT_FALSE(download(url, &digest));
+    EXPECT_FALSE(QFileInfo::exists(path));
+    EXPECT_EQ(server->pendingFaults(), 0);
 
-    // A folder that does not exist cannot take the file.
-    next = answer("data");
+    // Nobody listening; a folder that does not exist cannot take the file.
+    EXPECT_FALSE(download(QStringLiteral("https://127.0.0.1:1/?do=download"), &digest));
     path = dir.filePath(QStringLiteral("no/such/folder/file"));
-    EXPECT_FALSE(download(server, &digest));
+    EXPECT_FALSE(download(url, &digest));
     EXPECT_EQ(digest, QStringLiteral("untouched"));
 }
 

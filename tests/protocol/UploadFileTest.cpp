@@ -1,7 +1,10 @@
+// UploadFile against the local server: the round trip through DownloadFile, refusals, the empty
+// file, and cancelling a running upload.
 #include "protocol/UploadFile.h"
 
-#include "TestHttpsServer.h"
+#include "common/TestServer.h"
 #include "common/TestUtil.h"
+#include "protocol/DownloadFile.h"
 
 #include <QTemporaryDir>
 #include <QThread>
@@ -9,132 +12,165 @@
 
 namespace {
 
-TestResponse verdict(const QByteArray &value, TestResponse::Action action = TestResponse::Reply)
+QByteArray pattern(qsizetype size)
 {
-    TestResponse r;
-    r.action = action;
-    if (!value.isNull())
-        r.headers = {{"Velmora-result", value}};
-    r.body = "answer";
-    return r;
+    QByteArray data(size, Qt::Uninitialized);
+    for (qsizetype i = 0; i < size; ++i)
+        data[i] = char((i * 7 + i / 4093) % 251);
+    return data;
 }
 
-struct UploadFixture : ::testing::Test
+class UploadServer : public ::testing::Test
 {
-    QTemporaryDir dir;
-    QString path = dir.filePath(QStringLiteral("report.pdf"));
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(server.ok()) << qPrintable(server.error());
+        ASSERT_TRUE(server->addUser(kUser, QStringLiteral("pw")));
+        session = server.signIn(kUser, QStringLiteral("pw"));
+        ASSERT_FALSE(session.isEmpty());
+        // The file as already announced, with older contents.
+        key = server->putFile(kUser, kRemote, "old contents", QStringLiteral("20200101000000"));
+        ASSERT_FALSE(key.isEmpty());
+        server->clearRequestLog();
+    }
 
-    QString upload(TestHttpsServer &server, const QString &file)
+    QString transferUrl(const QString &action, const QString &forKey = {})
+    {
+        return QStringLiteral("%1?do=%2&session=%3&key=%4")
+            .arg(server->url(), action, session, forKey.isEmpty() ? key : forKey);
+    }
+
+    QString upload(const QString &file, const QString &url)
     {
         QString result = QStringLiteral("unset");
-        const QString url = QStringLiteral("https://%1/?do=upload&session=S1&key=K9").arg(server.domain());
         EXPECT_TRUE(runOffMainThread([&] {
-            result = UploadFile::uploadFileWithKey(QStringLiteral("K9"), file, url, 12345,
-                                                   QStringLiteral("20240131235959"));
+            result = UploadFile::uploadFileWithKey(key, file, url, 12345, QStringLiteral("20240131235959"));
         }));
         return result;
     }
+
+    TreeEntry remote()
+    {
+        for (const TreeEntry &entry : server->tree(kUser)) {
+            if (entry.path == kRemote)
+                return entry;
+        }
+        return {};
+    }
+
+    const QString kUser = QStringLiteral("frank");
+    const QString kRemote = QStringLiteral("docs/report.pdf");
+    TestServer server;
+    QString session;
+    QString key;
+    QTemporaryDir dir;
+    QString path = dir.filePath(QStringLiteral("report.pdf"));
 };
 
 } // namespace
 
-TEST_F(UploadFixture, StreamsTheWholeFileAndAcceptsOnlyResultZero)
+TEST_F(UploadServer, UploadThenDownloadGivesTheSameBytesAndDigest)
 {
-    QByteArray content(2 * 1024 * 1024 + 5, Qt::Uninitialized);
-    for (qsizetype i = 0; i < content.size(); ++i)
-        content[i] = char(i % 251);
+    const QByteArray content = pattern(2 * 1024 * 1024 + 5);
     ASSERT_TRUE(TestUtil::writeFile(path, content));
-
-    TestResponse next = verdict("0");
-    TestHttpsServer server([&next](const TestRequest &) { return next; });
-    EXPECT_EQ(upload(server, path), QStringLiteral("done"));
-    const TestRequest sent = server.requests().value(0);
-    EXPECT_EQ(sent.method, QByteArray("POST"));
-    EXPECT_EQ(sent.target, QByteArray("/?do=upload&session=S1&key=K9"));
-    EXPECT_EQ(sent.headers.value("content-type"), QByteArray("application/stream"));
-    EXPECT_EQ(sent.headers.value("velmora_filetime"), QByteArray("20240131235959"));
-    // The offset is ignored: always the whole file from its first byte.
-    EXPECT_EQ(sent.body, content);
+    EXPECT_EQ(upload(path, transferUrl(QStringLiteral("upload"))), QStringLiteral("done"));
     EXPECT_EQ(UploadFile::currentUpload(), nullptr);
+    const QString localMd5 = UploadFile::getMD5OfFileAtPath(path);
+    EXPECT_EQ(server->fileContents(kUser, kRemote), content);
+    EXPECT_EQ(remote().md5, localMd5);
+    EXPECT_EQ(remote().time, QStringLiteral("20240131235959")); // from the file-time header
+    const QList<RequestLogEntry> log = server->requestLog();
+    ASSERT_EQ(log.size(), 1);
+    EXPECT_EQ(log[0].method, QStringLiteral("POST"));
+    EXPECT_EQ(log[0].bodySize, content.size()); // the whole file, whatever offset was given
 
-    // Refusals: another value, no header at all (even with status 200).
-    next = verdict("1");
-    EXPECT_EQ(upload(server, path), QStringLiteral("fail"));
-    next = verdict(QByteArray());
-    EXPECT_EQ(upload(server, path), QStringLiteral("fail"));
-    // The header decides, not the status.
-    next = verdict("0");
-    next.status = 500;
-    EXPECT_EQ(upload(server, path), QStringLiteral("done"));
-}
-
-TEST_F(UploadFixture, ConnectionFaultsFail)
-{
-    ASSERT_TRUE(TestUtil::writeFile(path, "hello"));
-    TestResponse next;
-    next.action = TestResponse::Drop;
-    TestHttpsServer server([&next](const TestRequest &) { return next; });
-    EXPECT_EQ(upload(server, path), QStringLiteral("fail"));
-
-    // The verdict is taken when the headers arrive: a body that never ends does not matter...
-    next = verdict("0", TestResponse::HeadersThenHang);
-    EXPECT_EQ(upload(server, path), QStringLiteral("done"));
-    // ...and a connection cut after a good verdict still counts as done.
-    next = verdict("0", TestResponse::CutBody);
-    EXPECT_EQ(upload(server, path), QStringLiteral("done"));
-
-    // A file that cannot be read sends nothing.
-    const qsizetype before = server.requests().size();
-    EXPECT_EQ(upload(server, dir.filePath(QStringLiteral("missing"))), QStringLiteral("fail"));
-    EXPECT_EQ(server.requests().size(), before);
-
-    // A server whose certificate is not trusted never sees the request.
-    TestHttpsServer untrusted([](const TestRequest &) { return verdict("0"); }, false);
-    EXPECT_EQ(upload(untrusted, path), QStringLiteral("fail"));
-    EXPECT_TRUE(untrusted.requests().isEmpty());
-
-    // Nobody listening.
-    QString result;
+    const QString back = dir.filePath(QStringLiteral("back.pdf"));
+    QString digest;
+    bool ok = false;
     ASSERT_TRUE(runOffMainThread([&] {
-        result =
-            UploadFile::uploadFileWithKey({}, path, QStringLiteral("https://127.0.0.1:1/?do=upload"), 0, {});
+        ok = DownloadFile::downloadFileFromURL(transferUrl(QStringLiteral("download")), back, &digest, {});
     }));
-    EXPECT_EQ(result, QStringLiteral("fail"));
+    ASSERT_TRUE(ok);
+    EXPECT_EQ(TestUtil::readFile(back), content);
+    EXPECT_EQ(digest, localMd5);
+    EXPECT_EQ(UploadFile::getMD5OfFileAtPath(back), localMd5);
 }
 
-TEST_F(UploadFixture, EmptyFileIsSentAsAnEmptyBody)
+TEST_F(UploadServer, EmptyFileIsSentAsAnEmptyBody)
 {
     ASSERT_TRUE(TestUtil::writeFile(path, QByteArray()));
-    TestHttpsServer server([](const TestRequest &) { return verdict("0"); });
-    EXPECT_EQ(upload(server, path), QStringLiteral("done"));
-    ASSERT_EQ(server.requests().size(), 1);
-    EXPECT_TRUE(server.requests()[0].body.isEmpty());
-    EXPECT_EQ(server.requests()[0].headers.value("content-length", "0"), QByteArray("0"));
+    EXPECT_EQ(upload(path, transferUrl(QStringLiteral("upload"))), QStringLiteral("done"));
+    const TreeEntry stored = remote();
+    EXPECT_EQ(stored.size, 0);
+    EXPECT_TRUE(stored.uploaded);
+    EXPECT_EQ(stored.md5, QStringLiteral("d41d8cd98f00b204e9800998ecf8427e"));
+    EXPECT_EQ(UploadFile::getMD5OfFileAtPath(path), stored.md5);
+    EXPECT_TRUE(server->fileContents(kUser, kRemote).isEmpty());
 }
 
-TEST_F(UploadFixture, CancelEndsTheCurrentUploadAtOnce)
+TEST_F(UploadServer, EveryRefusalOrBrokenAnswerFailsAndKeepsTheStoredFile)
+{
+    ASSERT_TRUE(TestUtil::writeFile(path, "new contents"));
+    const QString url = transferUrl(QStringLiteral("upload"));
+    const QString upload_ = QStringLiteral("UPLOAD");
+    const QList<std::pair<const char *, std::function<void()>>> faults = {
+        {"verdict 1", [&] { server->refuseUploads(1, QStringLiteral("1")); }},
+        // "0" in the body but no verdict header: refused.
+        {"no verdict header", [&] { server->replyWithBody(upload_, "0"); }},
+        {"HTTP 500", [&] { server->failWithStatus(upload_, 500); }},
+        {"reply cut", [&] { server->cutReplies(upload_); }},
+    };
+    for (const auto &[what, inject] : faults) {
+        inject();
+        EXPECT_EQ(upload(path, url), QStringLiteral("fail")) << what;
+        EXPECT_EQ(server->pendingFaults(), 0) << what;
+    }
+    // The server's own refusals: an unknown key, a session it no longer knows.
+    EXPECT_EQ(upload(path, transferUrl(QStringLiteral("upload"), QStringLiteral("999999"))),
+              QStringLiteral("fail"));
+    ASSERT_EQ(server->expireSessions(kUser), 1);
+    EXPECT_EQ(upload(path, url), QStringLiteral("fail"));
+    EXPECT_EQ(server->fileContents(kUser, kRemote), QByteArray("old contents"));
+    EXPECT_EQ(server->requestLog().size(), faults.size() + 2);
+
+    // A file that cannot be read sends nothing; nobody listening fails too.
+    EXPECT_EQ(upload(dir.filePath(QStringLiteral("missing")), url), QStringLiteral("fail"));
+    EXPECT_EQ(server->requestLog().size(), faults.size() + 2);
+    EXPECT_EQ(upload(path, QStringLiteral("https://127.0.0.1:1/?do=upload")), QStringLiteral("fail"));
+    EXPECT_EQ(UploadFile::currentUpload(), nullptr);
+}
+
+TEST_F(UploadServer, CancelEndsTheCurrentUploadAtOnce)
 {
     UploadFile::cancelCurrentUpload(); // nothing running: no effect
     EXPECT_EQ(UploadFile::currentUpload(), nullptr);
 
-    ASSERT_TRUE(TestUtil::writeFile(path, QByteArray(64 * 1024, 'c')));
-    TestHttpsServer server([](const TestRequest &) { return verdict({}, TestResponse::Hang); });
-    const QString url = QStringLiteral("https://%1/?do=upload&session=S&key=K").arg(server.domain());
-    QString result = QStringLiteral("unset");
-    std::atomic<bool> finished = false;
-    QThread *worker = QThread::create([&] {
-        result = UploadFile::uploadFileWithKey(QStringLiteral("K"), path, url, 0, QStringLiteral("t"));
-        finished = true;
-    });
+    ASSERT_TRUE(TestUtil::writeFile(path, pattern(256 * 1024)));
+    // The server holds its answer far longer than the test waits.
+    server->delayReplies(QStringLiteral("UPLOAD"), 60000);
+    // The worker's outcome outlives this test should the upload never end.
+    struct Outcome
+    {
+        std::atomic<bool> finished = false;
+        QString result;
+    };
+    auto outcome = std::make_shared<Outcome>();
+    QThread *worker =
+        QThread::create([outcome, file = path, url = transferUrl(QStringLiteral("upload")), k = key] {
+            outcome->result =
+                UploadFile::uploadFileWithKey(k, file, url, 0, QStringLiteral("20240131235959"));
+            outcome->finished = true;
+        });
+    QObject::connect(worker, &QThread::finished, worker, &QObject::deleteLater);
     worker->start();
     ASSERT_TRUE(
-        TestUtil::waitFor([&] { return server.requests().size() == 1 && UploadFile::currentUpload(); }));
+        TestUtil::waitFor([&] { return !server->requestLog().isEmpty() && UploadFile::currentUpload(); }));
     UploadFile::cancelCurrentUpload();
     EXPECT_EQ(UploadFile::currentUpload(), nullptr);
-    ASSERT_TRUE(TestUtil::waitFor([&] { return finished.load(); }));
-    worker->wait();
-    delete worker;
-    EXPECT_EQ(result, QStringLiteral("cancel"));
+    ASSERT_TRUE(TestUtil::waitFor([&] { return outcome->finished.load(); }));
+    EXPECT_EQ(outcome->result, QStringLiteral("cancel"));
+    EXPECT_EQ(server->fileContents(kUser, kRemote), QByteArray("old contents"));
 }
 
 TEST(UploadFile, BadArgumentListAndMainThreadUseFail)
