@@ -5,6 +5,7 @@
 #include "catalogue/DatabaseUtils.h"
 #include "catalogue/ManagedObjectContext.h"
 #include "catalogue/PersistentStoreCoordinator.h"
+#include "common/MemoryServices.h"
 #include "util/AppServices.h"
 
 #include <QCoreApplication>
@@ -22,24 +23,12 @@ namespace {
 constexpr int kFolders = 5000;
 constexpr int kBigFolderFiles = 10000; // folder 0: the subtree rewritten
 
-class BenchServices final : public AppServices
+// The one main context serves every thread, and saves go to it.
+class BenchServices final : public MemoryServices
 {
 public:
-    QVariantMap config;
-    std::shared_ptr<ManagedObjectContext> main;
-    QVariant getConfigValueByKey(const QString &key) const override { return config.value(key); }
-    void setConfigValue(const QVariant &value, const QString &key) override { config.insert(key, value); }
-    void saveConfig() override {}
-    void clearAccountInfomation() override {}
-    bool isLogined() const override { return true; }
-    void setIsLogined(bool) override {}
-    std::shared_ptr<ManagedObjectContext> managedObjectContext() override { return main; }
     std::shared_ptr<ManagedObjectContext> getManagedObjectContextByThread() override { return main; }
     void saveData() override { main->save(); }
-    void postNotificationWithTitle(const QString &, const QString &) override {}
-    void startStatusBarAnimation() override {}
-    void stopStatusBarAnimation() override {}
-    void relogin() override {}
 };
 
 // Answers INFO (and anything else) at once, as a server on the same machine would.

@@ -1,32 +1,11 @@
 #include "catalogue/DatabaseUtils.h"
 
 #include "StoreFixture.h"
+#include "common/MemoryServices.h"
 #include "util/AppServices.h"
 #include "util/NotificationCenter.h"
 
 namespace {
-
-// Settings and a main context, as the application would give them.
-class FakeServices final : public AppServices
-{
-public:
-    QVariantMap config;
-    std::shared_ptr<ManagedObjectContext> main;
-
-    QVariant getConfigValueByKey(const QString &key) const override { return config.value(key); }
-    void setConfigValue(const QVariant &value, const QString &key) override { config.insert(key, value); }
-    void saveConfig() override {}
-    void clearAccountInfomation() override {}
-    bool isLogined() const override { return true; }
-    void setIsLogined(bool) override {}
-    std::shared_ptr<ManagedObjectContext> managedObjectContext() override { return main; }
-    std::shared_ptr<ManagedObjectContext> getManagedObjectContextByThread() override { return nullptr; }
-    void saveData() override {}
-    void postNotificationWithTitle(const QString &, const QString &) override {}
-    void startStatusBarAnimation() override {}
-    void stopStatusBarAnimation() override {}
-    void relogin() override {}
-};
 
 class DatabaseUtilsTest : public StoreFixture
 {
@@ -44,7 +23,7 @@ protected:
         DatabaseUtils::destroy();
         AppServices::setShared(nullptr);
     }
-    FakeServices services;
+    MemoryServices services;
 };
 
 } // namespace
