@@ -74,9 +74,7 @@ bool DatabaseUtils::isInsertable(const QStringList &record, bool folder, const C
 
 bool DatabaseUtils::insertDirectoryRow(const QStringList &record, const ContextPtr &context, bool create)
 {
-    if (!context)
-        return true;
-    if (!isInsertable(record, true, context))
+    if (!context || !isInsertable(record, true, context))
         return true;
     const QString path = field(record, ItemPath);
     const QString key = field(record, ItemKey);
@@ -136,9 +134,7 @@ bool DatabaseUtils::insertFile(const QStringList &record)
 
 bool DatabaseUtils::insertFile(const QStringList &record, const ContextPtr &context)
 {
-    if (!context)
-        return true;
-    if (!isInsertable(record, false, context))
+    if (!context || !isInsertable(record, false, context))
         return true;
     const QString path = field(record, ItemPath);
     // Made unconditionally; where the file already is, this does nothing.
