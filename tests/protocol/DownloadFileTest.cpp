@@ -2,8 +2,12 @@
 // one; error pages; cut and missing answers.
 #include "protocol/DownloadFile.h"
 
+#include "RestLibrary/FileInternetBase.h"
+#include "RestLibrary/RestClient.h"
 #include "common/TestServer.h"
 #include "common/TestUtil.h"
+#include "protocol/MyImage.h"
+#include "xml/GDataXMLNode.h"
 
 #include <QCryptographicHash>
 #include <QFileInfo>
@@ -112,6 +116,45 @@ TEST_F(DownloadServer, CutOrMissingAnswersFailAndLeaveTheDigestAlone)
     path = dir.filePath(QStringLiteral("no/such/folder/file"));
     EXPECT_FALSE(download(url, &digest));
     EXPECT_EQ(digest, QStringLiteral("untouched"));
+}
+
+TEST_F(DownloadServer, ImageRecordFetchesItsThumbnailEntryAndTheImageFromItsOffset)
+{
+    const QByteArray picture = "\x89PNG\r\n\x1a\n picture bytes";
+    const QString url = stored(picture);
+    MyImage image(session, url.section(QLatin1Char('='), -1));
+    RestClient client;
+    client.setHost(server->domain());
+    std::shared_ptr<GDataXMLDocument> reply;
+    ASSERT_TRUE(runOffMainThread([&] {
+        reply = client.postNonAsyncWithURL(QStringLiteral("cgi-bin/cloudXml.cgi"), image.thumbXml());
+    }));
+    ASSERT_TRUE(reply && reply->rootElement());
+    const auto thumbnail = reply->rootElement()->elementsForName(QStringLiteral("THUMBNAIL"));
+    ASSERT_EQ(thumbnail.size(), 1);
+    const auto attribute = [&](const QString &name) {
+        const auto node = thumbnail[0]->attributeForName(name);
+        return node ? node->stringValue() : QString();
+    };
+    EXPECT_EQ(attribute(QStringLiteral("RESULT")), QStringLiteral("1"));
+    EXPECT_EQ(attribute(QStringLiteral("MD5")), md5(picture));
+
+    struct Receiver : FileInternetBaseDelegate
+    {
+        std::optional<QByteArray> data;
+        void fileInternetBaseDidSusscelWithData(FileInternetBase *, const QByteArray &d) override
+        {
+            data = d;
+        }
+        void fileInternetBaseDidFailWithCode(FileInternetBase *, int) override
+        {
+            data = QByteArray("failed");
+        }
+    } receiver;
+    image.setOffset(8);
+    client.downloadFileWithURL(QStringLiteral("cgi-bin/cloudXml.cgi") + image.imageXml(), &receiver);
+    ASSERT_TRUE(TestUtil::waitFor([&] { return receiver.data.has_value(); }));
+    EXPECT_EQ(*receiver.data, picture.mid(8));
 }
 
 TEST(DownloadFile, MainThreadUseIsRefused)
