@@ -4,6 +4,7 @@
 #include "catalogue/DatabaseUtils.h"
 #include "catalogue/ManagedObjectContext.h"
 #include "catalogue/PersistentStoreCoordinator.h"
+#include "common/MemoryServices.h"
 #include "common/TestServer.h"
 #include "common/TestUtil.h"
 #include "server/FerrovaneServer.h"
@@ -17,16 +18,14 @@
 
 namespace {
 
-// Settings in memory and a real catalogue context, as the application gives them.
-class FakeServices final : public AppServices
+// Settings in memory and a real catalogue context, as the application gives them; sign-in state
+// and account clearing as the application keeps them.
+class FakeServices final : public MemoryServices
 {
 public:
-    QVariantMap config;
-    std::shared_ptr<ManagedObjectContext> main;
     bool logined = false;
     int cleared = 0;
 
-    QVariant getConfigValueByKey(const QString &key) const override { return config.value(key); }
     void setConfigValue(const QVariant &value, const QString &key) override
     {
         if (value.isNull())
@@ -34,7 +33,6 @@ public:
         else
             config.insert(key, value);
     }
-    void saveConfig() override {}
     void clearAccountInfomation() override
     {
         ++cleared;
@@ -44,13 +42,6 @@ public:
     }
     bool isLogined() const override { return logined; }
     void setIsLogined(bool value) override { logined = value; }
-    std::shared_ptr<ManagedObjectContext> managedObjectContext() override { return main; }
-    std::shared_ptr<ManagedObjectContext> getManagedObjectContextByThread() override { return nullptr; }
-    void saveData() override {}
-    void postNotificationWithTitle(const QString &, const QString &) override {}
-    void startStatusBarAnimation() override {}
-    void stopStatusBarAnimation() override {}
-    void relogin() override {}
 };
 
 struct LoginDelegate : CDLoginViewDelegate
