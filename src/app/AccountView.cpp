@@ -18,6 +18,17 @@ QString text(const char *key)
     return LanguageUtil::getStringByKey(QString::fromLatin1(key));
 }
 
+// A failure with a name and a reason; what() (the logged text) is the reason alone.
+class QuotaFailure : public std::runtime_error
+{
+public:
+    QuotaFailure(const char *name, const char *reason) : std::runtime_error(reason), m_name(name) {}
+    const char *name() const { return m_name; }
+
+private:
+    const char *m_name;
+};
+
 double attributeNumber(const std::shared_ptr<GDataXMLElement> &element, const QString &name)
 {
     const std::shared_ptr<GDataXMLNode> attribute = element ? element->attributeForName(name) : nullptr;
@@ -58,9 +69,14 @@ void AccountView::viewDidMoveToWindow()
 
 void AccountView::loadInfomation()
 {
-    if (m_loading && m_loading->isRunning())
-        return;
+    if (m_loading && m_loading->isRunning()) {
+        if (m_requestRunning)
+            return; // a request is on its way and will report
+        // The last loading thread is past its work and only ending: let it end, then load again.
+        m_loading->wait();
+    }
     m_isLoading = true;
+    m_requestRunning = true;
     m_loadingProgressIndicator.setHidden(false);
     m_loadingProgressIndicator.startAnimation();
     // The settings belong to this (main) thread: read them here for the loading thread.
@@ -93,7 +109,7 @@ void AccountView::loadInfomationThread()
                 QStringLiteral("cgi-bin/cloudXml.cgi"),
                 QStringLiteral("<XML><QUOTA SESSION=\"%1\" ></QUOTA></XML>").arg(snapshot.session));
             if (!document)
-                throw std::runtime_error("Load information fail: Maybe internet connect lost");
+                throw QuotaFailure("Load information fail", "Maybe internet connect lost");
             const std::shared_ptr<GDataXMLElement> root = document->rootElement();
             const QList<std::shared_ptr<GDataXMLElement>> quotas =
                 root ? root->elementsForName(QStringLiteral("QUOTA"))
@@ -112,6 +128,7 @@ void AccountView::loadInfomationThread()
     }
     m_loadingProgressIndicator.stopAnimation();
     m_loadingProgressIndicator.setHidden(true);
+    m_requestRunning = false;
     m_isLoading = false;
     emit loadingFinished();
 }

@@ -62,6 +62,7 @@ private:
     ViewControl m_loadingProgressIndicator;
     ViewControl m_quotaLabel;
     std::atomic<bool> m_isLoading{false};
+    std::atomic<bool> m_requestRunning{false}; // a loading thread has not finished its work yet
     Snapshot m_snapshot; // settings read on the main thread before the loading thread starts
     QPointer<QThread> m_loading;
 };

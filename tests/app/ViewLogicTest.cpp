@@ -10,11 +10,17 @@
 #include "server/FerrovaneServer.h"
 #include "util/AppServices.h"
 #include "util/Codecs.h"
+#include "util/Log.h"
 
 #include <QSignalSpy>
+#include <QStringList>
 #include <QTemporaryDir>
+#include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <gtest/gtest.h>
+#include <mutex>
+#include <thread>
 
 namespace {
 
@@ -49,6 +55,14 @@ struct LoginDelegate : CDLoginViewDelegate
     int successes = 0;
     void didLoginSuccessful(CDLoginView *) override { ++successes; }
 };
+
+QStringList g_logLines;
+std::mutex g_logLock;
+void captureLine(const QString &line)
+{
+    std::lock_guard lock(g_logLock);
+    g_logLines << line;
+}
 
 QString tr(const char *key)
 {
@@ -261,13 +275,45 @@ TEST_F(ViewLogic, AccountPanelShowsTheQuota)
     EXPECT_FALSE(panel.loadingProgressIndicator()->isAnimating());
     EXPECT_EQ(server->requestedCommands().count(QStringLiteral("QUOTA")), 1);
 
-    // A failed request keeps what the panel showed.
+    // A failed request keeps what the panel showed and logs the failure's reason.
     server->dropReplies(QStringLiteral("QUOTA"), 4);
+    g_logLines.clear();
+    Log::setSink(captureLine);
     panel.viewDidMoveToWindow();
     ASSERT_TRUE(TestUtil::waitFor([&] { return finished.count() == 3; }));
+    Log::setSink(nullptr);
     QCoreApplication::processEvents();
     EXPECT_EQ(panel.quotaTextField()->stringValue(), shown);
     EXPECT_FALSE(panel.isLoading());
+    EXPECT_EQ(std::count_if(g_logLines.cbegin(), g_logLines.cend(),
+                            [](const QString &line) {
+                                return line.endsWith(
+                                    QLatin1String("]Load infomation error: Maybe internet connect lost"));
+                            }),
+              1)
+        << qPrintable(g_logLines.join(u'\n'));
+}
+
+TEST(AccountPanel, ShownAgainWhileTheLastLoadingThreadEndsStillLoads)
+{
+    AccountView panel; // nobody signed in: each load ends at once
+    std::atomic<int> ends = 0;
+    QObject::connect(
+        &panel, &AccountView::loadingFinished, &panel,
+        [&] {
+            // The first loading thread lingers past its work until the panel is shown again.
+            if (ends++ > 0)
+                return;
+            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+            while (!panel.isLoading() && std::chrono::steady_clock::now() < deadline)
+                std::this_thread::yield();
+        },
+        Qt::DirectConnection);
+    panel.viewDidMoveToWindow();
+    ASSERT_TRUE(TestUtil::waitFor([&] { return ends.load() == 1; }));
+    panel.viewDidMoveToWindow();
+    EXPECT_TRUE(TestUtil::waitFor([&] { return ends.load() == 2; }));
+    EXPECT_TRUE(TestUtil::waitFor([&] { return !panel.isLoading(); }));
 }
 
 TEST(AccountQuota, UnitFollowsTotalAloneWithTwoFractionDigits)
