@@ -3,6 +3,8 @@
 #include "app/LanguageUtil.h"
 #include "app/SettingsFile.h"
 #include "catalogue/DatabaseUtils.h"
+#include "link/DistributedNotificationCenter.h"
+#include "link/LinkNames.h"
 #include "util/Log.h"
 
 #include <QCoreApplication>
@@ -66,6 +68,10 @@ void AppDelegate::applicationDidFinishLaunching()
     // Loads the string table; the catalogue (below the app layer) reaches it through its localizer.
     LanguageUtil::getStringByKey(QString());
     DatabaseUtils::setLocalizer(&LanguageUtil::getStringByKey);
+    if (QCoreApplication *app = QCoreApplication::instance()) {
+        app->installEventFilter(this);
+        connect(app, &QCoreApplication::aboutToQuit, this, &AppDelegate::applicationWillTerminate);
+    }
     loadConfig();
     // Replaced at every launch: a name the user typed lasts until the next start.
     setConfigValue(QSysInfo::machineHostName(), QStringLiteral("kKeyPCName"));
@@ -76,6 +82,20 @@ void AppDelegate::applicationDidFinishLaunching()
         setConfigValue(true, QStringLiteral("kKeyAutoStart"));
         setLoginItemEnabled(true);
     }
+}
+
+void AppDelegate::applicationWillTerminate()
+{
+    DistributedNotificationCenter::defaultCenter()->postNotificationName(LinkNames::kDemonStopListener);
+}
+
+bool AppDelegate::eventFilter(QObject *watched, QEvent *event)
+{
+    if (watched == QCoreApplication::instance() && event->type() == QEvent::LocaleChange) {
+        LanguageUtil::readLanguage();
+        emit languageChanged();
+    }
+    return QObject::eventFilter(watched, event);
 }
 
 // --- Settings ---

@@ -33,9 +33,13 @@ public:
     explicit AppDelegate(QObject *parent = nullptr);
     ~AppDelegate() override;
 
-    // The launch steps that need no widgets, in order: name the main thread, loadConfig, write the
+    // The launch steps that need no widgets, in order: name the main thread, load the string table
+    // and follow locale changes (each reloads it and emits languageChanged), loadConfig, write the
     // host name into "kKeyPCName", register (or unregister) the login item from "kKeyAutoStart".
+    // Also arranges for applicationWillTerminate() to run when the event loop ends.
     void applicationDidFinishLaunching();
+    // Quit: tells the watcher daemon to stop listening.
+    void applicationWillTerminate();
 
     // --- Settings ---
     // Reads "config.plist". A missing or unreadable file is replaced by a fresh one holding only
@@ -88,10 +92,15 @@ public:
     void relogin() override;
 
 signals:
+    // The string table was reloaded for a new locale: every control is to be labelled again.
+    void languageChanged();
     void errorPresented(const FvError &error);
     void notificationPosted(const QString &title, const QString &message);
     void statusBarAnimationChanged(bool running);
     void reloginRequested();
+
+protected:
+    bool eventFilter(QObject *watched, QEvent *event) override;
 
 private:
     FvError storeError() const;

@@ -4,11 +4,14 @@
 #include "app/SettingsFile.h"
 #include "catalogue/DatabaseUtils.h"
 #include "common/TestUtil.h"
+#include "link/DistributedNotificationCenter.h"
+#include "link/LinkNames.h"
 #include "util/Log.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QLocale>
 #include <QMutex>
 #include <QSignalSpy>
 #include <QSysInfo>
@@ -271,4 +274,37 @@ TEST_F(AppCore, UnusableFolderOrStoreIsPresentedAndLeavesTheStoreAbsent)
         EXPECT_EQ(TestUtil::readFile(store), damaged);
         app.saveData(); // no context: nothing to do, no crash
     }
+}
+
+TEST_F(AppCore, LocaleChangeRelabelsAndQuitStopsTheWatcher)
+{
+    const QLocale before;
+    QLocale::setDefault(QLocale(QLocale::English));
+    AppDelegate app;
+    app.applicationDidFinishLaunching();
+    QSignalSpy relabel(&app, &AppDelegate::languageChanged);
+    EXPECT_EQ(LanguageUtil::getStringByKey(QStringLiteral("logout")), QStringLiteral("Log out"));
+
+    // The string table follows the locale as soon as the application is told it changed.
+    QLocale::setDefault(QLocale(QLocale::German));
+    QEvent change(QEvent::LocaleChange);
+    QCoreApplication::sendEvent(QCoreApplication::instance(), &change);
+    EXPECT_EQ(LanguageUtil::getStringByKey(QStringLiteral("logout")), QStringLiteral("Abmelden"));
+    EXPECT_EQ(relabel.count(), 1);
+    QLocale::setDefault(QLocale(QLocale::English));
+    QCoreApplication::sendEvent(QCoreApplication::instance(), &change);
+    EXPECT_EQ(LanguageUtil::getStringByKey(QStringLiteral("logout")), QStringLiteral("Log out"));
+    QLocale::setDefault(before);
+
+    // Quitting tells the watcher daemon to stop, with no object.
+    DistributedNotificationCenter daemonSide;
+    ASSERT_TRUE(daemonSide.isConnected());
+    QObject observer;
+    QStringList seen;
+    daemonSide.addObserver(
+        &observer, [&](const QString &name, const QString &object) { seen.append(name + u'|' + object); },
+        LinkNames::kDemonStopListener);
+    app.applicationWillTerminate();
+    EXPECT_TRUE(TestUtil::waitFor([&] { return !seen.isEmpty(); }));
+    EXPECT_EQ(seen, QStringList{QStringLiteral("com.velmora.FerrovaneDemon_stopListener|")});
 }
