@@ -116,6 +116,10 @@ void FileDownload::fileInternetBaseDidFailWithCode(FileInternetBase *, int code)
     FV_LOG(QStringLiteral("Error"));
     Q_UNUSED(code);
     m_fileInternetBase = nullptr;
-    // Started again at once, without limit or delay.
-    sentRequestToServer();
+    // Started again at once, without limit or delay; through the event loop, because a request that
+    // cannot be made fails inside the call that starts it.
+    if (!m_retry)
+        m_retry = std::make_unique<QObject>();
+    QMetaObject::invokeMethod(
+        m_retry.get(), [this] { sentRequestToServer(); }, Qt::QueuedConnection);
 }

@@ -74,4 +74,6 @@ private:
     AppServices *m_appDelegate = nullptr;
     std::shared_ptr<ManagedObjectContext> m_managedObjectContext;
     std::unique_ptr<RestClient> m_restClient;
+    // Receives the queued restarts on the requesting thread; pending ones go with it.
+    std::unique_ptr<QObject> m_retry;
 };

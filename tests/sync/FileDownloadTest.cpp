@@ -78,6 +78,20 @@ TEST_F(FileDownloadTest, FailedRequestIsStartedAgainAtOnce)
     ASSERT_TRUE(TestUtil::waitFor([&] { return recorder.completed == 1; }));
     EXPECT_EQ(server().requestedCommands().filter(QStringLiteral("DOWNLOAD")).size(), 3);
     EXPECT_EQ(TestUtil::readFile(at(QStringLiteral("b.txt"))), "bravo");
+
+    // A request that cannot even be made fails at once, every time: the retries go round the
+    // event loop (no recursion) and stop when the download goes.
+    LogCapture diagnostics;
+    services->setConfigValue(QStringLiteral("no such host"), QStringLiteral("kKeyDomain"));
+    auto broken = std::make_unique<FileDownload>(&recorder, record);
+    broken->sentRequestToServer();
+    ASSERT_TRUE(TestUtil::waitFor(
+        [&] { return diagnostics.lines().filter(QStringLiteral("Connect URL: ")).size() >= 20; }));
+    broken.reset();
+    const qsizetype attempts = diagnostics.lines().filter(QStringLiteral("Connect URL: ")).size();
+    TestUtil::waitFor([] { return false; }, 50);
+    EXPECT_EQ(diagnostics.lines().filter(QStringLiteral("Connect URL: ")).size(), attempts);
+    EXPECT_EQ(recorder.completed, 1);
 }
 
 TEST_F(FileDownloadTest, RecordsLeavingTheSyncFolderAreRefused)
