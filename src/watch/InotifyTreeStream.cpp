@@ -95,6 +95,7 @@ void InotifyTreeStream::stop()
         m_system->close(m_fd); // closing drops every watch of the instance
     m_fd = -1;
     m_rootWd = -1;
+    m_parentWd = -1;
     m_paths.clear();
     m_wds.clear();
     m_pendingMoves.clear();
@@ -133,6 +134,14 @@ void InotifyTreeStream::handleEvent(int wd, std::uint32_t mask, std::uint32_t co
         FV_LOG(u"The kernel's event queue overflowed: changes under %1 were lost"_qs.arg(m_root));
         return;
     }
+    if (wd == m_parentWd && m_parentWd >= 0) {
+        if (mask & IN_IGNORED)
+            m_parentWd = -1;
+        else if ((mask & (IN_CREATE | IN_MOVED_TO)) && (mask & IN_ISDIR) &&
+                 join(QFileInfo(m_root).path(), name) == m_root)
+            rewatchRoot();
+        return;
+    }
     if (mask & IN_IGNORED) {
         forgetWatch(wd);
         return;
@@ -150,10 +159,13 @@ void InotifyTreeStream::handleEvent(int wd, std::uint32_t mask, std::uint32_t co
         // Events about a watched folder itself are reported by its parent's watch, except for the root.
         if (wd != m_rootWd)
             return;
-        if (mask & IN_DELETE_SELF)
+        if (mask & IN_DELETE_SELF) {
             addRecord(m_root, ItemRemoved | ItemIsDir);
-        else if (mask & IN_MOVE_SELF)
+            rootGone();
+        } else if (mask & IN_MOVE_SELF) {
             addRecord(m_root, ItemRenamed | ItemMovedFrom | ItemIsDir);
+            rootGone();
+        }
         return;
     }
 
@@ -325,6 +337,37 @@ void InotifyTreeStream::renameWatches(const QString &from, const QString &to)
         it.value() = renamed;
         m_wds.insert(renamed, it.key());
     }
+}
+
+void InotifyTreeStream::rootGone()
+{
+    // The watches follow the folders wherever they went; stop them all.
+    dropWatchesUnder(m_root);
+    m_rootWd = -1;
+    m_pendingMoves.clear();
+    const InotifySystem::Result wd = m_system->addWatch(m_fd, QFile::encodeName(QFileInfo(m_root).path()),
+                                                        IN_CREATE | IN_MOVED_TO | IN_ONLYDIR);
+    if (!wd.ok()) {
+        FV_LOG(u"%1 is gone and its parent folder cannot be watched: %2"_qs.arg(m_root, errorText(wd.error)));
+        return;
+    }
+    m_parentWd = wd.value;
+    // It may have come back before the parent was watched.
+    if (QFileInfo(m_root).isDir())
+        rewatchRoot();
+}
+
+void InotifyTreeStream::rewatchRoot()
+{
+    if (m_parentWd >= 0)
+        m_system->removeWatch(m_fd, m_parentWd);
+    m_parentWd = -1;
+    if (!addWatch(m_root)) {
+        FV_LOG(u"%1 is back but cannot be watched"_qs.arg(m_root));
+        return;
+    }
+    m_rootWd = m_wds.value(m_root, -1);
+    watchTree(m_root, ScanMode::Created);
 }
 
 bool InotifyTreeStream::isUnderPendingMove(const QString &folder) const

@@ -5,6 +5,11 @@
 // A batch is delivered `latencyMs` after its first record; the kernel queue is drained first, so
 // both halves of a move (which the kernel queues together) always land in the same batch.
 //
+// When the root itself is deleted or moved away, the tree that left is no longer watched (its
+// changes would otherwise come under the old paths) and the root's parent is watched instead until
+// a folder of the root's name appears there again; then the new tree is watched and its contents are
+// reported as created (the root itself is not: it is the watched folder, not an item in it).
+//
 // Lives on the thread that creates it and calls back on that thread's event loop. Stops (and
 // delivers nothing more) on stop() or destruction. Folders that cannot be watched are reported on
 // the diagnostic log (a full kernel watch table once per stream) and the rest stays watched.
@@ -58,6 +63,8 @@ private:
     void dropWatchesUnder(const QString &folder);
     void renameWatches(const QString &from, const QString &to);
     bool isUnderPendingMove(const QString &folder) const;
+    void rootGone();
+    void rewatchRoot();
 
     QString m_root;
     int m_latencyMs;
@@ -65,6 +72,7 @@ private:
     std::shared_ptr<InotifySystem> m_system;
     int m_fd = -1;
     int m_rootWd = -1;
+    int m_parentWd = -1; // the root's parent, watched only while the root is missing
     QSocketNotifier *m_notifier = nullptr;
     QTimer m_latency;
     QHash<int, QString> m_paths;                  // watch -> folder

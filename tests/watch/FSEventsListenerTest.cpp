@@ -261,6 +261,34 @@ TEST_F(FSEventsListenerTree, FoldersAreFollowedWhereverTheyGo)
     EXPECT_EQ(settle(), QStringList());
 }
 
+// The watched folder itself goes away and comes back (the sync engine recreates a missing sync
+// folder): nothing is reported under the old paths for the tree that left, and the folder is
+// watched again once it exists again.
+TEST_F(FSEventsListenerTree, RootThatGoesAwayIsWatchedAgainWhenItReturns)
+{
+    start();
+    move(root, outside + u"/moved"_qs);
+    EXPECT_TRUE(TestUtil::waitFor([&] { return !recorder.events.isEmpty(); }, 10000));
+    EXPECT_EQ(std::exchange(recorder.events, {}), QStringList({u"folder removed "_qs + root}));
+    write(outside + u"/moved/docs/after.txt"_qs);
+    mkpath(outside + u"/moved/later"_qs);
+
+    mkpath(root);
+    write(root + u"/back.txt"_qs);
+    EXPECT_EQ(settle(), QStringList({u"file added "_qs + root + u"/back.txt"_qs}));
+
+    ASSERT_TRUE(QDir(root).removeRecursively());
+    EXPECT_TRUE(
+        TestUtil::waitFor([&] { return recorder.events.contains(u"folder removed "_qs + root); }, 10000));
+    recorder.events.clear();
+    mkpath(root + u"/sub"_qs);
+    write(root + u"/sub/again.txt"_qs);
+    const QStringList again = settle();
+    EXPECT_TRUE(again.contains(u"file added "_qs + root + u"/sub/again.txt"_qs))
+        << qPrintable(again.join(u'\n'));
+    EXPECT_FALSE(again.filter(u"/moved"_qs).size() || again.contains(u"folder added "_qs + root));
+}
+
 TEST_F(FSEventsListenerTree, StoppedListenerIsSilentAndStopsTwice)
 {
     start();
