@@ -1,11 +1,11 @@
 #include "RestLibrary/RestClient.h"
 
+#include "RestLibrary/BlockingTransport.h"
 #include "RestLibrary/FileInternetBase.h"
 #include "RestLibrary/NetworkAccess.h"
 #include "util/Log.h"
 #include "xml/GDataXMLNode.h"
 
-#include <QEventLoop>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <exception>
@@ -17,25 +17,6 @@ void RestClientDelegate::restClientDidFinishRequestwithData(RestClient *,
 void RestClientDelegate::restClientHasFail(RestClient *, const std::optional<QVariantMap> &) {}
 
 namespace {
-
-// Sends `req` on the calling thread and waits for the whole answer. Any error (transport or an
-// HTTP error status) makes the result empty and fills `error`.
-QByteArray sendAndWait(const RestRequest &req, FvError *error)
-{
-    QNetworkAccessManager manager;
-    QEventLoop loop;
-    QNetworkReply *reply = manager.sendCustomRequest(req.request, req.method, req.body);
-    QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
-    if (!reply->isFinished())
-        loop.exec(QEventLoop::ExcludeUserInputEvents);
-    QByteArray data;
-    if (reply->error() != QNetworkReply::NoError)
-        *error = NetworkAccess::errorFromReply(reply);
-    else
-        data = reply->readAll();
-    delete reply;
-    return data;
-}
 
 QString utf8(const QByteArray &data)
 {
@@ -147,7 +128,7 @@ QByteArray RestClient::postNonAsyncRawWithURL(const QString &url, const QString 
     // The XML document is the whole raw body; no Content-Type is added.
     req.body = bodyString.toUtf8();
     FvError error;
-    const QByteArray data = sendAndWait(req, &error);
+    const QByteArray data = BlockingTransport::send(req, &error);
     if (!data.isEmpty() && error.isNull()) {
         FV_LOG(QStringLiteral("Result: %1").arg(QString::fromUtf8(data.constData())));
         return data;

@@ -5,6 +5,7 @@
 #include "common/TestUtil.h"
 #include "xml/GDataXMLNode.h"
 
+#include <QCoreApplication>
 #include <QThread>
 #include <gtest/gtest.h>
 
@@ -111,6 +112,29 @@ TEST_F(RestClientServer, SynchronousPostsReturnTheRawAnswerOrTheDocument)
     EXPECT_EQ(log[0].body, signIn.toUtf8());
     EXPECT_EQ(server->requestedCommands(),
               QStringList({QStringLiteral("LOGIN"), QStringLiteral("QUOTA"), QStringLiteral("LOGIN")}));
+}
+
+// Work queued for the sending thread (a task run, say) must not start inside a synchronous send:
+// the caller waits without turning its own event loop.
+TEST_F(RestClientServer, SynchronousSendRunsNoQueuedWorkOfTheCallingThread)
+{
+    RestClient client;
+    client.setHost(server->domain());
+    bool inSend = false;
+    std::optional<bool> ranDuringSend;
+    QByteArray raw;
+    ASSERT_TRUE(runOffMainThread([&] {
+        QObject receiver;
+        QMetaObject::invokeMethod(
+            &receiver, [&] { ranDuringSend = inSend; }, Qt::QueuedConnection);
+        inSend = true;
+        raw = client.postNonAsyncRawWithURL(kEndpoint, loginXml(QStringLiteral("pw")));
+        inSend = false;
+        QCoreApplication::sendPostedEvents(&receiver);
+    }));
+    EXPECT_FALSE(raw.isEmpty());
+    ASSERT_TRUE(ranDuringSend.has_value());
+    EXPECT_FALSE(*ranDuringSend);
 }
 
 TEST_F(RestClientServer, TransportFaultsGiveNothingAndAreNotRetried)
