@@ -95,6 +95,9 @@ void AppDelegate::didLoginSuccessful(CDLoginView *)
     emit signedIn();
     if (getConfigValueByKey(QStringLiteral("kKeyAutoSync")).toBool())
         onoffAction();
+    // Signed in with sync off, the start item is live (the switch keeps it so from here on).
+    m_syncStartMenuItem.setEnabled(!m_isRunning);
+    m_syncStopMenuItem.setEnabled(m_isRunning);
     m_openSyncFolderMenuItem.setEnabled(true);
 }
 
