@@ -213,6 +213,8 @@ void HeadlessClient::installSignalHandlers()
     action.sa_flags = SA_RESTART;
     ::sigaction(SIGINT, &action, nullptr);
     ::sigaction(SIGTERM, &action, nullptr);
+    // A reader of our output that goes first (a pipe closed by Ctrl-C) must not cut the clean stop.
+    ::signal(SIGPIPE, SIG_IGN);
 }
 
 void HeadlessClient::print(const QStringList &fields)
