@@ -23,22 +23,28 @@ struct CommandLine
     QCommandLineOption headless{QStringLiteral("headless"),
                                 QStringLiteral("Run without widgets; print the activity log and every "
                                                "user-visible message to stdout.")};
-    QCommandLineOption domain{QStringLiteral("domain"), QStringLiteral("Server domain to sign in to (host[:port])."),
+    QCommandLineOption domain{QStringLiteral("domain"),
+                              QStringLiteral("Server domain to sign in to (host[:port])."),
                               QStringLiteral("domain")};
-    QCommandLineOption user{QStringLiteral("user"), QStringLiteral("User id to sign in with."), QStringLiteral("id")};
-    QCommandLineOption passwordStdin{QStringLiteral("password-stdin"),
-                                     QStringLiteral("Read the password from the first line of standard input.")};
-    QCommandLineOption folder{QStringLiteral("folder"), QStringLiteral("Set the sync folder (as the settings' Save)."),
+    QCommandLineOption user{QStringLiteral("user"), QStringLiteral("User id to sign in with."),
+                            QStringLiteral("id")};
+    QCommandLineOption passwordStdin{
+        QStringLiteral("password-stdin"),
+        QStringLiteral("Read the password from the first line of standard input.")};
+    QCommandLineOption folder{QStringLiteral("folder"),
+                              QStringLiteral("Set the sync folder (as the settings' Save)."),
                               QStringLiteral("path")};
     QCommandLineOption sync{QStringLiteral("sync"), QStringLiteral("Switch sync on.")};
     QCommandLineOption once{QStringLiteral("once"),
                             QStringLiteral("Sync once (first sync or rescan, pending changes sent, one "
                                            "work-list pass) and exit.")};
-    QCommandLineOption verbose{QStringLiteral("verbose"), QStringLiteral("Mirror diagnostic lines to stderr.")};
+    QCommandLineOption verbose{QStringLiteral("verbose"),
+                               QStringLiteral("Mirror diagnostic lines to stderr.")};
 
     void addTo(QCommandLineParser &parser) const
     {
-        for (const QCommandLineOption &option : {headless, domain, user, passwordStdin, folder, sync, once, verbose})
+        for (const QCommandLineOption &option :
+             {headless, domain, user, passwordStdin, folder, sync, once, verbose})
             parser.addOption(option);
     }
 };
@@ -89,7 +95,8 @@ int main(int argc, char *argv[])
         return 0;
     }
     if (!parser.positionalArguments().isEmpty())
-        return usageError(QStringLiteral("unexpected argument: ") + parser.positionalArguments().constFirst());
+        return usageError(QStringLiteral("unexpected argument: ") +
+                          parser.positionalArguments().constFirst());
     Log::setVerbose(parser.isSet(options.verbose));
 
     if (!parser.isSet(options.headless))

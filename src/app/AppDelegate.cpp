@@ -273,7 +273,6 @@ bool AppDelegate::setLoginItemEnabled(bool enabled)
     return true;
 }
 
-
 bool AppDelegate::startAtLogin()
 {
     return QFileInfo::exists(loginItemPath());

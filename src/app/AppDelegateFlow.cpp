@@ -1,7 +1,6 @@
 // AppDelegate: the sign-in and sync flow (sign-in success, the sync switch, the sync folder and its
 // desktop shortcut, sign-out and forced re-sign-in).
 #include "app/AppDelegate.h"
-
 #include "app/LanguageUtil.h"
 #include "catalogue/DatabaseUtils.h"
 #include "util/Log.h"
@@ -12,7 +11,6 @@
 #include <QStandardPaths>
 #include <QSysInfo>
 #include <QThread>
-#include <QTimer>
 
 namespace {
 QString text(const char *key)
@@ -228,9 +226,9 @@ void AppDelegate::addShortcutAction()
     if (!QDir().mkpath(desktop))
         FV_LOG(QStringLiteral("Cannot create the desktop folder %1").arg(desktop));
     else
-        QProcess::startDetached(QStringLiteral("/bin/ln"),
-                                {QStringLiteral("-s"), getConfigValueByKey(QStringLiteral("kKeyPath")).toString(),
-                                 desktop});
+        QProcess::startDetached(
+            QStringLiteral("/bin/ln"),
+            {QStringLiteral("-s"), getConfigValueByKey(QStringLiteral("kKeyPath")).toString(), desktop});
     m_addShortcut.setEnabled(false);
 }
 

@@ -1,9 +1,7 @@
 // AppDelegate: what the user sees of it besides the flow: control labels, button looks, the menu
 // and window actions, the preferences, the status icon's animation and notifications.
 #include "app/AppDelegate.h"
-
 #include "app/LanguageUtil.h"
-#include "util/Log.h"
 #include "util/Pace.h"
 
 #include <QThread>

@@ -1,11 +1,9 @@
 // AppDelegate: the catalogue's store stack (coordinator, main context, per-thread contexts).
 #include "app/AppDelegate.h"
-
 #include "util/Log.h"
 
 #include <QFileInfo>
 #include <QThread>
-
 
 FvError AppDelegate::storeError() const
 {
@@ -114,4 +112,3 @@ void AppDelegate::presentError(const FvError &error)
     FV_LOG(text);
     emit errorPresented(error);
 }
-

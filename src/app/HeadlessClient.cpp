@@ -241,10 +241,11 @@ void HeadlessClient::finish(int code)
     DistributedNotificationCenter *center = DistributedNotificationCenter::defaultCenter();
     auto leave = [code] { QCoreApplication::exit(code); };
     if (center->isConnected()) {
-        connect(center, &DistributedNotificationCenter::notificationPosted, this, [leave](const QString &name) {
-            if (name == LinkNames::kDemonStopListener)
-                leave();
-        });
+        connect(center, &DistributedNotificationCenter::notificationPosted, this,
+                [leave](const QString &name) {
+                    if (name == LinkNames::kDemonStopListener)
+                        leave();
+                });
         QTimer::singleShot(kStopEchoMs, this, leave);
     } else {
         QTimer::singleShot(0, this, leave);
@@ -259,12 +260,14 @@ void HeadlessClient::connectDelegate()
     AppDelegate *app = m_delegate.get();
     connect(app, &AppDelegate::signInFailed, this, &HeadlessClient::signInFailed);
     connect(app, &AppDelegate::signedIn, this, &HeadlessClient::signedIn);
-    connect(app, &AppDelegate::signedOut, this,
-            [this] { print({QStringLiteral("status"), QStringLiteral("signed-out")}); });
-    connect(app, &AppDelegate::processWindowControllerChanged, this, &HeadlessClient::watchEngine);
-    connect(app, &AppDelegate::notificationPosted, this, [this](const QString &title, const QString &message) {
-        print({QStringLiteral("notification"), title, message});
+    connect(app, &AppDelegate::signedOut, this, [this] {
+        print({QStringLiteral("status"), QStringLiteral("signed-out")});
     });
+    connect(app, &AppDelegate::processWindowControllerChanged, this, &HeadlessClient::watchEngine);
+    connect(app, &AppDelegate::notificationPosted, this,
+            [this](const QString &title, const QString &message) {
+                print({QStringLiteral("notification"), title, message});
+            });
     connect(app, &AppDelegate::errorPresented, this, [this](const FvError &error) {
         QString text = error.localizedDescription();
         const QString reason = error.userInfo.value(QStringLiteral("NSLocalizedFailureReason")).toString();
@@ -273,7 +276,8 @@ void HeadlessClient::connectDelegate()
         print({QStringLiteral("error"), QStringLiteral("presented"),
                QStringLiteral("%1 %2: %3").arg(error.domain).arg(error.code).arg(text)});
     });
-    connect(NotificationCenter::defaultCenter(), &NotificationCenter::posted, this, &HeadlessClient::logNotification);
+    connect(NotificationCenter::defaultCenter(), &NotificationCenter::posted, this,
+            &HeadlessClient::logNotification);
 }
 
 void HeadlessClient::start()
@@ -314,8 +318,9 @@ void HeadlessClient::signInFailed(CDLoginView::Failure failure, const QString &m
 {
     switch (failure) {
     case CDLoginView::Failure::Incomplete:
-        return fail(UsageError, QStringLiteral("usage"),
-                    QStringLiteral("cannot sign in: %1 (give --domain, --user and --password-stdin)").arg(message));
+        return fail(
+            UsageError, QStringLiteral("usage"),
+            QStringLiteral("cannot sign in: %1 (give --domain, --user and --password-stdin)").arg(message));
     case CDLoginView::Failure::Refused:
         return fail(SignInRefused, QStringLiteral("refused"), message);
     case CDLoginView::Failure::NoAnswer:
@@ -343,7 +348,8 @@ void HeadlessClient::diagnoseNoAnswer()
             code = UntrustedCertificate;
             reason = QStringLiteral("certificate");
             detail = QStringLiteral("the certificate of %1 is not trusted: %2")
-                         .arg(host, sslProblems->isEmpty() ? reply->errorString() : sslProblems->join(QStringLiteral("; ")));
+                         .arg(host, sslProblems->isEmpty() ? reply->errorString()
+                                                           : sslProblems->join(QStringLiteral("; ")));
         } else if (NetworkAccess::isTransportFailure(reply)) {
             detail = QStringLiteral("cannot reach %1: %2").arg(host, reply->errorString());
         } else {
@@ -442,7 +448,8 @@ void HeadlessClient::checkInStep()
     }
     const std::shared_ptr<ManagedObjectContext> context = m_delegate->managedObjectContext();
     if (!context)
-        return fail(StoreUnusable, QStringLiteral("store"), QStringLiteral("the catalogue store cannot be used"));
+        return fail(StoreUnusable, QStringLiteral("store"),
+                    QStringLiteral("the catalogue store cannot be used"));
     FvError error;
     const int pending =
         context->countForFetchRequest(FetchRequest::fetchRequestWithEntityName(Task::entityName()), &error);

@@ -1,7 +1,6 @@
 // The application's sign-in and sync flow against the in-process server: what AppDelegate shows
 // (controls, menu items, looks) and keeps (settings, the account record) at each step.
 #include "app/AppDelegate.h"
-
 #include "app/LanguageUtil.h"
 #include "catalogue/DatabaseUtils.h"
 #include "common/TestServer.h"
@@ -57,7 +56,8 @@ protected:
     {
         QLocale::setDefault(QLocale(QLocale::English));
         ASSERT_TRUE(server.ok()) << qPrintable(server.error());
-        ASSERT_TRUE(server->addUser(QStringLiteral("alice"), QStringLiteral("secret"), QStringLiteral("alice@corp")));
+        ASSERT_TRUE(
+            server->addUser(QStringLiteral("alice"), QStringLiteral("secret"), QStringLiteral("alice@corp")));
     }
     void TearDown() override { DatabaseUtils::destroy(); }
 
@@ -360,8 +360,9 @@ TEST_F(AppFlow, NotificationsAreShownOnlyWhenSwitchedOn)
     QSignalSpy shown(&app, &AppDelegate::notificationPosted);
 
     // From a worker thread: shown on the main thread, later.
-    std::thread([&] { app.postNotificationWithTitle(QStringLiteral("Upload complete"), QStringLiteral("a.txt")); })
-        .join();
+    std::thread([&] {
+        app.postNotificationWithTitle(QStringLiteral("Upload complete"), QStringLiteral("a.txt"));
+    }).join();
     EXPECT_EQ(shown.count(), 0);
     ASSERT_TRUE(TestUtil::waitFor([&] { return shown.count() == 1; }));
     EXPECT_EQ(shown[0][0].toString(), QStringLiteral("Upload complete"));

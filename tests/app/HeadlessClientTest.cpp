@@ -63,8 +63,8 @@ protected:
 
     QStringList signIn(const QString &domain) const
     {
-        return {QStringLiteral("--headless"), QStringLiteral("--domain"), domain, QStringLiteral("--user"),
-                QStringLiteral("alice"), QStringLiteral("--password-stdin")};
+        return {QStringLiteral("--headless"), QStringLiteral("--domain"), domain,
+                QStringLiteral("--user"),     QStringLiteral("alice"),    QStringLiteral("--password-stdin")};
     }
 
     // Runs the client to its end (bounded). `whenLine` may act on the running process.
@@ -93,8 +93,7 @@ protected:
             return outcome;
         process.write(input);
         process.closeWriteChannel();
-        outcome.finished =
-            TestUtil::waitFor([&] { return process.state() == QProcess::NotRunning; }, 60000);
+        outcome.finished = TestUtil::waitFor([&] { return process.state() == QProcess::NotRunning; }, 60000);
         if (!outcome.finished) {
             process.kill();
             process.waitForFinished(5000);
@@ -139,11 +138,13 @@ TEST_F(Headless, EachFailedStartEndsWithItsOwnCode)
     const QString nobody = QStringLiteral("127.0.0.1:%1").arg(closed.serverPort());
     closed.close();
     Outcome unreachable = run(signIn(nobody), "secret\n");
-    EXPECT_EQ(unreachable.exitCode, HeadlessClient::ServerUnreachable) << qPrintable(unreachable.lines.join(u'\n'));
+    EXPECT_EQ(unreachable.exitCode, HeadlessClient::ServerUnreachable)
+        << qPrintable(unreachable.lines.join(u'\n'));
     EXPECT_EQ(unreachable.starting({QStringLiteral("error"), QStringLiteral("unreachable")}).size(), 1);
 
     Outcome untrusted = run(signIn(server->domain()), "secret\n", environment(false));
-    EXPECT_EQ(untrusted.exitCode, HeadlessClient::UntrustedCertificate) << qPrintable(untrusted.lines.join(u'\n'));
+    EXPECT_EQ(untrusted.exitCode, HeadlessClient::UntrustedCertificate)
+        << qPrintable(untrusted.lines.join(u'\n'));
     EXPECT_EQ(untrusted.starting({QStringLiteral("error"), QStringLiteral("certificate")}).size(), 1);
 
     // A sync folder that cannot be one: checked before anything is sent.
@@ -173,8 +174,9 @@ TEST_F(Headless, SigtermStopsSyncTellsTheDaemonAndExitsZero)
         if (line.startsWith(QLatin1String("status\tsync-on\t")))
             process.terminate();
     };
-    Outcome first = run(signIn(server->domain()) << QStringLiteral("--folder") << folder << QStringLiteral("--sync"),
-                        "secret\n", {}, stopWhenSyncing);
+    Outcome first =
+        run(signIn(server->domain()) << QStringLiteral("--folder") << folder << QStringLiteral("--sync"),
+            "secret\n", {}, stopWhenSyncing);
     ASSERT_TRUE(first.finished);
     EXPECT_EQ(first.exitCode, HeadlessClient::Success) << qPrintable(first.lines.join(u'\n'));
     const QStringList expected = {
@@ -204,13 +206,13 @@ TEST(HeadlessLines, FieldsAreTabSeparatedWithEscapes)
     EXPECT_EQ(HeadlessClient::formatLine({QStringLiteral("message"), QStringLiteral("a\tb\\c\nd\re")}),
               QStringLiteral("message\ta\\tb\\\\c\\nd\\re"));
     const LogObject entry = LogObject::createLogObjectWithName(
-        QStringLiteral("Grüße.txt"), QStringLiteral("work_add"), 1234, QStringLiteral("/docs/Grüße.txt"), false,
-        QStringLiteral("2024/05/01 12:00:00"), QString(), true);
+        QStringLiteral("Grüße.txt"), QStringLiteral("work_add"), 1234, QStringLiteral("/docs/Grüße.txt"),
+        false, QStringLiteral("2024/05/01 12:00:00"), QString(), true);
     EXPECT_EQ(HeadlessClient::formatLine(HeadlessClient::logEntryFields(entry, true)),
               QStringLiteral("log\tserver\twork_add\tok\tfile\t1234\tGrüße.txt\t/docs/Grüße.txt\t2024/05/01 "
                              "12:00:00\t"));
-    const LogObject folder = LogObject::createLogObjectWithName(QStringLiteral("d"), QStringLiteral("work_delete"),
-                                                                -1, QStringLiteral("/d"), true, {}, {}, false);
+    const LogObject folder = LogObject::createLogObjectWithName(
+        QStringLiteral("d"), QStringLiteral("work_delete"), -1, QStringLiteral("/d"), true, {}, {}, false);
     EXPECT_EQ(HeadlessClient::logEntryFields(folder, false).mid(1, 5),
               (QStringList{QStringLiteral("local"), QStringLiteral("work_delete"), QStringLiteral("failed"),
                            QStringLiteral("folder"), QStringLiteral("-")}));
