@@ -276,6 +276,11 @@ void AppDelegate::relogin()
         QMetaObject::invokeMethod(this, &AppDelegate::relogin, Qt::QueuedConnection);
         return;
     }
+    // A request that arrives after a sign-out (queued by an engine that has ended since) is stale.
+    if (!m_isLogined) {
+        FV_LOG(QStringLiteral("Not signed in: no sign-in again"));
+        return;
+    }
     m_isRetry = true;
     m_logoutMenuItem.setHidden(true);
     m_logoutTrayMenuItem.setHidden(true);

@@ -422,9 +422,12 @@ void HeadlessClient::watchEngine(ProcessWindowController *controller)
 void HeadlessClient::engineStateChanged(ProcessWindowController::State state)
 {
     print({QStringLiteral("status"), QStringLiteral("engine"), stateName(state)});
+    // What follows may end the engine, which must not happen inside its own signal: later.
     if (m_options.once && state == ProcessWindowController::State::Stalled)
-        fail(ServerUnreachable, QStringLiteral("unreachable"),
-             QStringLiteral("the first synchronisation could not reach the server"));
+        QTimer::singleShot(0, this, [this] {
+            fail(ServerUnreachable, QStringLiteral("unreachable"),
+                 QStringLiteral("the first synchronisation could not reach the server"));
+        });
 }
 
 void HeadlessClient::passCompleted()
@@ -433,7 +436,7 @@ void HeadlessClient::passCompleted()
     if (!m_options.once || m_passSeen)
         return;
     m_passSeen = true;
-    checkInStep();
+    QTimer::singleShot(0, this, &HeadlessClient::checkInStep);
 }
 
 // After the first pass: wait for the engine to go quiet (downloads, listener jobs, the task run),
