@@ -175,8 +175,12 @@ HeadlessClient::HeadlessClient(const Options &options, QObject *parent)
 
 HeadlessClient::~HeadlessClient()
 {
-    if (m_delegate)
+    if (m_delegate) {
         m_delegate->applicationWillTerminate();
+        // Nothing it announces while it goes may reach this half-destroyed object.
+        QObject::disconnect(m_delegate.get(), nullptr, this, nullptr);
+        m_delegate.reset();
+    }
     if (g_signalPipe[0] >= 0) {
         ::signal(SIGINT, SIG_DFL);
         ::signal(SIGTERM, SIG_DFL);
