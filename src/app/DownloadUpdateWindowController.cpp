@@ -98,8 +98,11 @@ void DownloadUpdateWindowController::connectionDidReceiveResponse(QNetworkReply 
     m_responded = true;
     if (status.toInt() == 404) {
         showLabel(QStringLiteral("file_not_found"));
-        // Nothing of this answer is a package: the transfer is over for us.
-        dropConnection();
+        // Nothing of this answer is a package: the transfer is over for us. The reply is left to
+        // end by itself (aborting it inside its own signal upsets the network stack).
+        m_connection = nullptr;
+        reply->disconnect(this);
+        connect(reply, &QNetworkReply::finished, reply, &QObject::deleteLater);
         emit downloadFinished();
         return;
     }

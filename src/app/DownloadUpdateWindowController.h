@@ -11,11 +11,10 @@
 #include "app/ViewControl.h"
 
 #include <QByteArray>
+#include <QNetworkReply>
 #include <QObject>
 #include <QPointer>
 #include <QUrl>
-
-class QNetworkReply;
 
 class DownloadUpdateWindowController final : public QObject
 {

@@ -32,3 +32,8 @@ void AccountViewWidget::showEvent(QShowEvent *event)
     if (m_view)
         m_view->viewDidMoveToWindow();
 }
+
+AccountView *AccountViewWidget::view() const
+{
+    return m_view;
+}

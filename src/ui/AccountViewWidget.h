@@ -21,7 +21,7 @@ public:
     explicit AccountViewWidget(AccountView *view, QWidget *parent = nullptr);
     ~AccountViewWidget() override;
 
-    AccountView *view() const { return m_view; }
+    AccountView *view() const;
 
 protected:
     void showEvent(QShowEvent *event) override;

@@ -60,3 +60,8 @@ void CDLoginViewWidget::styleFailText()
     palette.setColor(QPalette::WindowText, Palette::errorText(this->palette()));
     m_ui->failTextField->setPalette(palette);
 }
+
+CDLoginView *CDLoginViewWidget::view() const
+{
+    return m_view;
+}

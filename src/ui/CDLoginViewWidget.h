@@ -22,7 +22,7 @@ public:
     explicit CDLoginViewWidget(CDLoginView *view, QWidget *parent = nullptr);
     ~CDLoginViewWidget() override;
 
-    CDLoginView *view() const { return m_view; }
+    CDLoginView *view() const;
     QPushButton *loginButton() const;
 
 protected:

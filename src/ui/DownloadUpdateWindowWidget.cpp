@@ -27,8 +27,11 @@ DownloadUpdateWindowWidget::DownloadUpdateWindowWidget(DownloadUpdateWindowContr
         if (m_controller)
             m_controller->update();
     });
-    window(controller->window(), this);
-    connect(controller, &QObject::destroyed, this, &QObject::deleteLater);
+    ControlBinding::window(controller->window(), this);
+    connect(controller, &QObject::destroyed, this, [this] {
+        hide();
+        deleteLater();
+    });
 }
 
 DownloadUpdateWindowWidget::~DownloadUpdateWindowWidget() = default;

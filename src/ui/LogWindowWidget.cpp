@@ -27,7 +27,7 @@ LogWindowWidget::LogWindowWidget(LogWindowController *controller, QWidget *paren
         if (m_controller)
             m_controller->clear_press();
     });
-    window(controller->window(), this);
+    ControlBinding::window(controller->window(), this);
 }
 
 LogWindowWidget::~LogWindowWidget()

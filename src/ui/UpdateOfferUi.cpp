@@ -56,3 +56,8 @@ void UpdateOfferUi::showDownloadWindow(DownloadUpdateWindowController *controlle
     // The widget goes with its controller.
     new DownloadUpdateWindowWidget(controller);
 }
+
+QMessageBox *UpdateOfferUi::alert() const
+{
+    return m_alert;
+}

@@ -20,7 +20,7 @@ public:
     UpdateOfferUi(CheckUpdate *checker, QWidget *mainWindow, QObject *parent = nullptr);
 
     // The offer on screen, if any.
-    QMessageBox *alert() const { return m_alert; }
+    QMessageBox *alert() const;
 
 private:
     void showNewVersionAlert(const QString &version, const QString &build);

@@ -57,7 +57,7 @@ protected:
         Pace::setScale(scale);
     }
 
-    int requests(const QString &command) const { return int(server->requestedCommands().count(command)); }
+    int requests(const QString &command) { return int(server->requestedCommands().count(command)); }
 
     // Runs one check and waits for its outcome; true when it made an offer.
     bool checkOnce(CheckUpdate &checker)

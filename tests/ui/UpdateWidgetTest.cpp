@@ -64,6 +64,8 @@ protected:
     {
         ui.reset();
         checker.reset();
+        // The windows that went with the checker.
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
         Pace::setScale(scale);
         UrlOpener::setShared(nullptr);
     }
