@@ -200,3 +200,14 @@ TEST_F(SignInWidgets, AccountPanelShowsTheQuotaEachTimeItIsShown)
     ASSERT_TRUE(TestUtil::waitFor([&] { return level->value() > level->minimum(); }));
     EXPECT_EQ(quota->text(), AccountView::quotaText(tr("used_total"), 3 << 20, double(64 << 20)));
 }
+
+TEST_F(SignInWidgets, AccountCaptionFollowsTheLanguage)
+{
+    AccountView view;
+    AccountViewWidget widget(&view);
+    view.setTitleForComponent();
+    EXPECT_EQ(child<QLabel>(widget, "quotaLabel")->text(), tr("quota"));
+    UiTest::useLanguage(QLocale::German);
+    view.setTitleForComponent();
+    EXPECT_EQ(child<QLabel>(widget, "quotaLabel")->text(), QStringLiteral("Speicherplatz"));
+}
