@@ -152,7 +152,7 @@ void CheckUpdate::checkUpdateOnThread()
     }
     if (!newer) {
         m_isShowingUpdate = false;
-        emit checkFinished();
+        QMetaObject::invokeMethod(this, &CheckUpdate::checkFinished, Qt::QueuedConnection);
         return;
     }
     // isShowingUpdate stays set until the offer is answered.

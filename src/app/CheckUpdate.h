@@ -73,6 +73,7 @@ public:
     void alertDidEnd(int returnCode);
 
 signals:
+    // All on the main thread.
     // A newer build is on offer; answer with alertDidEnd.
     void newVersionOffered(const QString &version, const QString &build);
     // A check ended without an offer (nothing newer, or the description could not be had).
