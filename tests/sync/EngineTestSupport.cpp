@@ -177,7 +177,7 @@ bool EngineFixture::waitInStep(int timeoutMs)
 {
     return TestUtil::waitFor(
         [&] {
-            if (!engine || !engine->isQuiet())
+            if (!engine || !engine->isQuiet() || passes.load() == 0)
                 return false;
             const Tree onServer = server(true);
             Tree plain = onServer;

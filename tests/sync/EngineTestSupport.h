@@ -78,7 +78,7 @@ protected:
     bool waitForPasses(int count, int timeoutMs = 60000);
     // Nothing queued or running, after at least one pass.
     bool waitQuiet(int timeoutMs = 60000);
-    // Waits until server, sync folder and catalogue agree (and the engine is quiet).
+    // Waits until server, sync folder and catalogue agree (the engine quiet, after a pass).
     bool waitInStep(int timeoutMs = 60000);
     // Asserts the three trees are equal.
     void expectInStep();
