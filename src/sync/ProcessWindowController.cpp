@@ -341,12 +341,12 @@ void ProcessWindowController::runOnListenerAndWait(const std::function<void()> &
 
 void ProcessWindowController::runOnMainThread(std::function<void()> job, bool wait)
 {
-    QCoreApplication *app = QCoreApplication::instance();
-    if (!app || QThread::currentThread() == app->thread()) {
+    if (QThread::currentThread() == thread()) {
         job();
         return;
     }
-    QMetaObject::invokeMethod(app, std::move(job), wait ? Qt::BlockingQueuedConnection : Qt::QueuedConnection);
+    // Bound to the controller: what is still queued when it goes is dropped with it.
+    QMetaObject::invokeMethod(this, std::move(job), wait ? Qt::BlockingQueuedConnection : Qt::QueuedConnection);
 }
 
 void ProcessWindowController::startAnimation(bool wait)

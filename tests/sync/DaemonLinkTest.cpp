@@ -123,12 +123,20 @@ protected:
         ASSERT_EQ(std::rename(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()), 0)
             << qPrintable(from);
     }
-    // Sends one message and waits until everything it causes is done.
+    // Sends one message (and a marker the listener queue handles after it), then waits until the
+    // marker has been handled and everything the message caused is done.
     void event(const QString &name, const QVariant &payload)
     {
-        daemon.send(FakeDaemon::frame(name, payload), 1 << 20);
-        ASSERT_TRUE(TestUtil::waitFor([&] { return engine->isQuiet(); }));
+        const QString handled = QStringLiteral("File was remove: ") + root + u'/' + kMarker;
+        const qsizetype markers = log.diagnostics(handled).size();
+        daemon.send(FakeDaemon::frame(name, payload) +
+                        FakeDaemon::frame(LinkNames::kKeyMyFSListenerDeleteFile, root + u'/' + kMarker),
+                    1 << 20);
+        ASSERT_TRUE(TestUtil::waitFor([&] {
+            return log.diagnostics(handled).size() > markers && engine->isQuiet();
+        }));
     }
+    const QString kMarker = QStringLiteral("marker-never-there");
     FakeDaemon daemon;
 };
 
@@ -140,7 +148,7 @@ TEST_F(DaemonLinkTest, FramesCutAtEveryByteGiveTheSameEventsAsWholeFrames)
     ASSERT_TRUE(daemon.waitConnected());
     ASSERT_TRUE(waitQuiet());
     const QString nowhere = root + QStringLiteral("/nowhere/");
-    const QString longName = nowhere + QStringLiteral("deep/").repeated(300) + QStringLiteral("long.txt");
+    const QString longName = nowhere + QStringLiteral("deep/").repeated(400) + QStringLiteral("long.txt");
     QByteArray stream;
     stream += FakeDaemon::frame(LinkNames::kKeyMyFSListenerCreateFile, nowhere + QStringLiteral("one.txt"));
     stream += FakeDaemon::frame(LinkNames::kKeyMyFSListenerMoveFile,
@@ -155,7 +163,7 @@ TEST_F(DaemonLinkTest, FramesCutAtEveryByteGiveTheSameEventsAsWholeFrames)
     stream += FakeDaemon::frame(LinkNames::kKeyMyFSListenerCreateDir, nowhere + QStringLiteral("dir"));
     stream += FakeDaemon::frame(LinkNames::kKeyMyFSListenerDeleteDir, QStringList{nowhere + QStringLiteral("gone")});
     stream += FakeDaemon::frame(LinkNames::kKeyMyFSListenerCreateFile, longName); // more than 1024 bytes
-    ASSERT_GT(FakeDaemon::frame(LinkNames::kKeyMyFSListenerCreateFile, longName).size(), 1024 * 2);
+    ASSERT_GT(FakeDaemon::frame(LinkNames::kKeyMyFSListenerCreateFile, longName).size(), 2 * 1024);
 
     const auto deliver = [&](int piece) {
         log.clear();
@@ -235,7 +243,7 @@ TEST_F(DaemonLinkTest, RenamesMovesAndRemovalsAreToldApart)
     event(LinkNames::kKeyMyFSListenerDeleteDir, QStringList{root});
     ASSERT_TRUE(waitInStep()) << local() << server();
     EXPECT_EQ(server(), Tree());
-    EXPECT_TRUE(QFileInfo(root).isDir()); // made again by the next pass
+    EXPECT_TRUE(TestUtil::waitFor([&] { return QFileInfo(root).isDir(); })); // made again by the next pass
 }
 
 TEST_F(DaemonLinkTest, ARunningDaemonIsUsedAndTheListenerRestartsWhenTheStreamEnds)
