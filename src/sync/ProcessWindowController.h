@@ -28,8 +28,8 @@
 #include <QMutex>
 #include <QObject>
 #include <QPointer>
-#include <QTcpSocket>
 #include <QStringList>
+#include <QTcpSocket>
 #include <QVariant>
 #include <QVariantMap>
 #include <atomic>

@@ -1,14 +1,13 @@
 // Local changes through the real watcher daemon, which the engine starts itself: every kind of
 // change reaches the server, and a daemon that already runs is used instead of a second one.
 #include "EngineTestSupport.h"
-
 #include "link/DaemonLauncher.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusReply>
-#include <QDir>
 #include <QDateTime>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
@@ -25,7 +24,8 @@ protected:
     }
     void rename(const QString &from, const QString &to)
     {
-        ASSERT_EQ(std::rename(QFile::encodeName(at(from)).constData(), QFile::encodeName(at(to)).constData()), 0)
+        ASSERT_EQ(std::rename(QFile::encodeName(at(from)).constData(), QFile::encodeName(at(to)).constData()),
+                  0)
             << qPrintable(from);
     }
     // Change detection compares dates to the second: a file written again in the second of its
@@ -43,8 +43,8 @@ protected:
     }
     bool connected()
     {
-        return TestUtil::waitFor([&] { return log.count(QStringLiteral("Connect to socket server complete")) > 0; },
-                                 30000);
+        return TestUtil::waitFor(
+            [&] { return log.count(QStringLiteral("Connect to socket server complete")) > 0; }, 30000);
     }
 };
 
@@ -52,8 +52,12 @@ protected:
 
 TEST_F(LocalChangeTest, EveryLocalChangeReachesTheServerThroughTheDaemon)
 {
-    ASSERT_FALSE(srv().putFile(user(), QStringLiteral("Docs/a.txt"), "alpha", QStringLiteral("20200101000000")).isEmpty());
-    ASSERT_FALSE(srv().putFile(user(), QStringLiteral("Docs/b.txt"), "beta", QStringLiteral("20200101000000")).isEmpty());
+    ASSERT_FALSE(srv()
+                     .putFile(user(), QStringLiteral("Docs/a.txt"), "alpha", QStringLiteral("20200101000000"))
+                     .isEmpty());
+    ASSERT_FALSE(srv()
+                     .putFile(user(), QStringLiteral("Docs/b.txt"), "beta", QStringLiteral("20200101000000"))
+                     .isEmpty());
     ASSERT_FALSE(srv().makeFolder(user(), QStringLiteral("Other")).isEmpty());
     start();
     ASSERT_TRUE(connected());
@@ -90,7 +94,8 @@ TEST_F(LocalChangeTest, EveryLocalChangeReachesTheServerThroughTheDaemon)
     ASSERT_TRUE(TestUtil::writeFile(outside.filePath(QStringLiteral("tree/sub/deep.txt")), "deep"));
     ASSERT_TRUE(TestUtil::writeFile(outside.filePath(QStringLiteral("tree/top.txt")), "top"));
     for (const char *old : {"tree/sub/deep.txt", "tree/top.txt", "tree/sub", "tree"})
-        ASSERT_TRUE(setMTime(outside.filePath(QLatin1String(old)), QDateTime(QDate(2001, 2, 3), QTime(4, 5, 6))));
+        ASSERT_TRUE(
+            setMTime(outside.filePath(QLatin1String(old)), QDateTime(QDate(2001, 2, 3), QTime(4, 5, 6))));
     ASSERT_EQ(std::rename(QFile::encodeName(outside.filePath(QStringLiteral("tree"))).constData(),
                           QFile::encodeName(at(QStringLiteral("tree"))).constData()),
               0);
