@@ -6,7 +6,9 @@
 #include <QCoreApplication>
 #include <QProcess>
 #include <QStandardPaths>
+#include <csignal>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 
 int main(int argc, char **argv)
 {
@@ -16,6 +18,8 @@ int main(int argc, char **argv)
     QProcess bus;
     const QString program = QStandardPaths::findExecutable(QStringLiteral("dbus-daemon"));
     if (!program.isEmpty()) {
+        // Ends with this process even when a test crashes it.
+        bus.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
         bus.start(program, {QStringLiteral("--session"), QStringLiteral("--nofork"),
                             QStringLiteral("--print-address=1")});
         if (bus.waitForStarted(5000) && bus.waitForReadyRead(10000)) {
