@@ -15,6 +15,7 @@
 #include <QApplication>
 #include <QDir>
 #include <QFileDialog>
+#include <QFileInfo>
 #include <QMessageBox>
 #include <QUrl>
 
@@ -26,6 +27,10 @@ DesktopShell::DesktopShell(AppDelegate *app, QObject *parent)
       m_notifier(std::make_unique<DesktopNotifier>())
 {
     UrlOpener::setShared(&m_urlOpener);
+    QIcon icon;
+    icon.addFile(QStringLiteral(":/images/statusBarIcon.png"));
+    icon.addFile(QStringLiteral(":/images/statusBarIcon@2x.png"));
+    QApplication::setWindowIcon(icon);
 
     connect(app, &AppDelegate::logWindowNeeded, this, &DesktopShell::makeLogWindow);
     connect(app, &AppDelegate::logWindowRequested, this, [this] {
@@ -125,8 +130,11 @@ void DesktopShell::chooseDirectory(const QString &currentPath)
     chooser->setOption(QFileDialog::ShowDirsOnly);
     chooser->setOption(QFileDialog::ReadOnly, false);
     chooser->setAcceptMode(QFileDialog::AcceptOpen);
-    if (!currentPath.isEmpty())
-        chooser->setDirectory(currentPath);
+    // The folder itself may not exist yet: start from the nearest folder that does.
+    QString start = currentPath.isEmpty() ? QDir::homePath() : QDir::cleanPath(currentPath);
+    while (!QFileInfo(start).isDir() && QFileInfo(start).dir().path() != start)
+        start = QFileInfo(start).dir().path();
+    chooser->setDirectory(start);
     connect(chooser, &QFileDialog::fileSelected, this, [this](const QString &path) {
         if (m_app)
             m_app->didChooseSaveDir(QDir::cleanPath(path));

@@ -5,7 +5,6 @@
 #include "ui/SettingsViewWidget.h"
 
 #include <QCloseEvent>
-#include <QIcon>
 #include <QPushButton>
 #include <QTimer>
 #include <QVBoxLayout>
@@ -14,10 +13,6 @@ MainWindowWidget::MainWindowWidget(AppDelegate *app, QWidget *parent)
     : QWidget(parent, Qt::Window), m_app(app), m_layout(new QVBoxLayout(this))
 {
     setWindowTitle(QStringLiteral("Ferrovane"));
-    QIcon icon;
-    icon.addFile(QStringLiteral(":/images/statusBarIcon.png"));
-    icon.addFile(QStringLiteral(":/images/statusBarIcon@2x.png"));
-    setWindowIcon(icon);
     m_layout->setContentsMargins(0, 0, 0, 0);
     m_layout->setSpacing(0);
     m_settingsViewWidget = new SettingsViewWidget(app, this);

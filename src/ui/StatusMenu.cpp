@@ -91,7 +91,10 @@ void StatusMenu::setAccountView(AccountView *view)
     if (m_accountView)
         disconnect(m_accountView, nullptr, this, nullptr);
     m_accountView = view;
+    // A menu makes the item's widget when the action is added: add it again with its new panel.
+    m_accountMenu->removeAction(m_accountAction);
     m_accountAction->setDefaultWidget(view ? new AccountViewWidget(view) : nullptr);
+    m_accountMenu->addAction(m_accountAction);
     if (view) {
         connect(view->accountTextField(), &ViewControl::changed, this, &StatusMenu::updateAccountText);
         connect(view->quotaTextField(), &ViewControl::changed, this, &StatusMenu::updateAccountText);

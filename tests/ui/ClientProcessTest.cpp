@@ -22,6 +22,7 @@
 #include <QTemporaryDir>
 #include <csignal>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 using UiTest::tr;
 
@@ -84,8 +85,9 @@ protected:
     }
     void TearDown() override
     {
+        // Everything the test started goes, the virtual X server included.
         if (process.state() != QProcess::NotRunning) {
-            process.kill();
+            ::kill(-pid_t(process.processId()), SIGKILL);
             process.waitForFinished(5000);
         }
     }
@@ -124,6 +126,8 @@ protected:
                 pending.remove(0, end + 1);
             }
         });
+        // A process group of its own, so that a failed test can end all of it.
+        process.setChildProcessModifier([] { ::setsid(); });
         process.start(executable, arguments);
         ASSERT_TRUE(process.waitForStarted(10000));
         process.write(input);
