@@ -94,7 +94,8 @@ void DesktopShell::didFinishLaunching()
         return;
     m_statusMenu->setAccountView(m_app->accountView());
     const bool signingIn = m_app->loginView() && m_app->loginView()->isSending();
-    if (!m_app->isLogined() && !signingIn)
+    // Without a tray the window is all the user has of the program.
+    if ((!m_app->isLogined() && !signingIn) || !QSystemTrayIcon::isSystemTrayAvailable())
         m_mainWindow->bringToFront();
 }
 

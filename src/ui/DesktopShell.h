@@ -40,7 +40,7 @@ public:
     ~DesktopShell() override;
 
     // After the delegate's launch: the account panel goes into the status menu, and the main
-    // window comes up unless a sign-in with stored credentials is under way.
+    // window comes up unless a sign-in with stored credentials is under way and a tray is there.
     void didFinishLaunching();
 
     MainWindowWidget *mainWindow() const { return m_mainWindow.get(); }
