@@ -2,7 +2,10 @@
 // Stand-ins for the desktop's services on the test's session bus (dbus-run-session), each on a bus
 // connection of its own so that the client's calls really travel over the bus.
 
+#include "common/TestUtil.h"
+
 #include <QDBusConnection>
+#include <QDBusConnectionInterface>
 #include <QDBusContext>
 #include <QDBusMessage>
 #include <QObject>
@@ -27,13 +30,20 @@ public:
             QDBusConnection::disconnectFromBus(m_bus.name());
         }
     }
+    // Other test programs on the same bus may hold the name for a moment: waits (bounded) in the
+    // queue for it, so that every notification sent afterwards comes here.
     bool start()
     {
         m_bus = QDBusConnection::connectToBus(QDBusConnection::SessionBus,
                                               QStringLiteral("standin-notifications"));
-        return m_bus.registerObject(QStringLiteral("/org/freedesktop/Notifications"), this,
-                                    QDBusConnection::ExportAllSlots) &&
-               m_bus.registerService(QStringLiteral("org.freedesktop.Notifications"));
+        if (!m_bus.registerObject(QStringLiteral("/org/freedesktop/Notifications"), this,
+                                  QDBusConnection::ExportAllSlots))
+            return false;
+        const QString name = QStringLiteral("org.freedesktop.Notifications");
+        m_bus.interface()->registerService(name, QDBusConnectionInterface::QueueService,
+                                           QDBusConnectionInterface::DontAllowReplacement);
+        return TestUtil::waitFor(
+            [&] { return m_bus.interface()->serviceOwner(name).value() == m_bus.baseService(); }, 30000);
     }
 
 public slots:
