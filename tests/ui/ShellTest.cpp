@@ -180,6 +180,19 @@ TEST_F(Shell, SignInThroughTheWindowFillsTheSettingsViewAndTheMenu)
     offer->reject();
     EXPECT_FALSE(shell->checkUpdate()->isShowingUpdate());
 
+    // A store error is presented in a panel over the window.
+    app->presentError(
+        FvError(AppDelegate::errorDomain(), 9999,
+                {{QStringLiteral("NSLocalizedDescription"), QStringLiteral("Failed to initialize the store")},
+                 {QStringLiteral("NSLocalizedFailureReason"),
+                  QStringLiteral("There was an error building up the data file.")}}));
+    auto *panel = child<QMessageBox>(window(), "errorPanel");
+    ASSERT_TRUE(panel);
+    EXPECT_TRUE(QTest::qWaitForWindowExposed(panel));
+    EXPECT_EQ(panel->text(), QStringLiteral("Failed to initialize the store"));
+    EXPECT_EQ(panel->informativeText(), QStringLiteral("There was an error building up the data file."));
+    panel->accept();
+
     // Log out from the menu: the sign-in view is back, and the checker went with the account.
     item("logoutMenuItem")->trigger();
     ASSERT_TRUE(TestUtil::waitFor([&] { return shell->mainWindow()->loginViewWidget() != nullptr; }));
