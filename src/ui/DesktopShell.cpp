@@ -16,6 +16,7 @@
 #include <QDir>
 #include <QFileDialog>
 #include <QFileInfo>
+#include <QLibraryInfo>
 #include <QMessageBox>
 #include <QUrl>
 
@@ -31,6 +32,7 @@ DesktopShell::DesktopShell(AppDelegate *app, QObject *parent)
     icon.addFile(QStringLiteral(":/images/statusBarIcon.png"));
     icon.addFile(QStringLiteral(":/images/statusBarIcon@2x.png"));
     QApplication::setWindowIcon(icon);
+    loadQtTranslation();
 
     connect(app, &AppDelegate::logWindowNeeded, this, &DesktopShell::makeLogWindow);
     connect(app, &AppDelegate::logWindowRequested, this, [this] {
@@ -83,6 +85,7 @@ DesktopShell::~DesktopShell()
     m_updateOffer.reset();
     m_checkUpdate.reset();
     m_statusItem.reset();
+    QCoreApplication::removeTranslator(&m_qtTranslation);
     m_logWindow.reset();
     m_logView.reset();
     UrlOpener::setShared(nullptr);
@@ -164,8 +167,22 @@ void DesktopShell::presentError(const FvError &error)
     panel->open();
 }
 
+void DesktopShell::loadQtTranslation()
+{
+    QCoreApplication::removeTranslator(&m_qtTranslation);
+    // English needs none; a language without Qt's catalogue keeps Qt's English.
+    if (QLocale().language() == QLocale::English || QLocale().language() == QLocale::C)
+        return;
+    if (m_qtTranslation.load(QLocale(), QStringLiteral("qtbase"), QStringLiteral("_"),
+                             QLibraryInfo::path(QLibraryInfo::TranslationsPath)))
+        QCoreApplication::installTranslator(&m_qtTranslation);
+    else
+        FV_LOG(QStringLiteral("No Qt translation for %1").arg(QLocale().name()));
+}
+
 void DesktopShell::relabel()
 {
+    loadQtTranslation();
     // The delegate relabelled its own controls and the sign-in view; these are the rest.
     if (m_logView)
         m_logView->setTitleForComponent();

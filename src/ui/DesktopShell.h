@@ -3,7 +3,8 @@
 // with the status menu, the activity log window, the update offer and download windows, desktop
 // notifications, the directory chooser and the error panel. It answers the delegate's requests
 // (bring a window up, choose a directory, open a folder, make the log window or the update
-// checker) and relabels what the delegate does not label on a locale change. It installs the
+// checker) and relabels what the delegate does not label on a locale change, Qt's own dialogs
+// included. It installs the
 // desktop's URL opener for as long as it lives.
 //
 // Make it before the delegate's applicationDidFinishLaunching (the launch asks for the log window
@@ -16,6 +17,7 @@
 
 #include <QObject>
 #include <QPointer>
+#include <QTranslator>
 #include <memory>
 
 class AppDelegate;
@@ -58,6 +60,8 @@ private:
     void openFolder(const QString &path);
     void presentError(const FvError &error);
     void relabel();
+    // Qt's own texts (the directory chooser, standard buttons) in the locale's language.
+    void loadQtTranslation();
     // Closing the main window hides it while the tray icon is there to bring it back; without a
     // tray, closing it ends the program.
     void mainWindowClosed();
@@ -74,4 +78,5 @@ private:
     std::unique_ptr<UpdateOfferUi> m_updateOffer;
     std::unique_ptr<DesktopNotifier> m_notifier;
     QPointer<QFileDialog> m_directoryChooser;
+    QTranslator m_qtTranslation;
 };
