@@ -18,7 +18,13 @@
 #include <QFileInfo>
 #include <QLibraryInfo>
 #include <QMessageBox>
+#include <QTimer>
 #include <QUrl>
+
+namespace {
+// How long a tray may take to appear after the program started with the session.
+constexpr int kTrayGraceMs = 5000;
+} // namespace
 
 DesktopShell::DesktopShell(AppDelegate *app, QObject *parent)
     : QObject(parent), m_app(app), m_mainWindow(std::make_unique<MainWindowWidget>(app)),
@@ -97,9 +103,18 @@ void DesktopShell::didFinishLaunching()
         return;
     m_statusMenu->setAccountView(m_app->accountView());
     const bool signingIn = m_app->loginView() && m_app->loginView()->isSending();
-    // Without a tray the window is all the user has of the program.
-    if ((!m_app->isLogined() && !signingIn) || !QSystemTrayIcon::isSystemTrayAvailable())
+    if (!m_app->isLogined() && !signingIn) {
         m_mainWindow->bringToFront();
+        return;
+    }
+    // Without a tray the window is all the user has of the program. Started with the session, the
+    // program may be up before the panel's tray: give it a moment (real time, not scaled).
+    QTimer::singleShot(kTrayGraceMs, this, [this] {
+        if (!QSystemTrayIcon::isSystemTrayAvailable()) {
+            FV_LOG(QStringLiteral("No tray: the main window stays up"));
+            m_mainWindow->bringToFront();
+        }
+    });
 }
 
 void DesktopShell::makeLogWindow()

@@ -42,7 +42,8 @@ public:
     ~DesktopShell() override;
 
     // After the delegate's launch: the account panel goes into the status menu, and the main
-    // window comes up unless a sign-in with stored credentials is under way and a tray is there.
+    // window comes up unless a sign-in with stored credentials is under way (then it comes up
+    // only when no tray has appeared a few seconds later).
     void didFinishLaunching();
 
     MainWindowWidget *mainWindow() const { return m_mainWindow.get(); }
