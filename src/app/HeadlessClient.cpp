@@ -72,13 +72,16 @@ QString HeadlessClient::usageNotes()
         "  mirrored in full again). --sync switches sync on; once it has been switched, sync\n"
         "  comes on by itself after every sign-in until a sign-out. --once syncs once and exits.\n"
         "\n"
-        "Output: one line per event on stdout, fields separated by a tab; a backslash, tab, line\n"
-        "feed or carriage return inside a field is written \\\\, \\t, \\n or \\r. First field:\n"
+        "Output with --headless: one line per event on stdout, fields separated by a tab; a\n"
+        "backslash, tab, line feed or carriage return inside a field is written \\\\, \\t, \\n or\n"
+        "\\r. First field:\n"
         "  log           from (server|local), work (string-table key, e.g. work_add),\n"
         "                result (ok|failed), kind (file|folder), size in bytes (- for folders),\n"
         "                name, path, time, description\n"
         "  message       text: a line of the activity log (the engine's progress messages)\n"
         "  notification  title, message: a desktop notification\n"
+        "  update        version, build: a newer client is on offer (declined; offered again at\n"
+        "                the next check)\n"
         "  status        word, details: signing-in, signed-in, folder, sync-on, sync-off, engine\n"
         "                (starting|idle|syncing|stalled|relogin|stopped), pass, in-step,\n"
         "                signed-out, stopping\n"
@@ -272,6 +275,15 @@ void HeadlessClient::connectDelegate()
             [this](const QString &title, const QString &message) {
                 print({QStringLiteral("notification"), title, message});
             });
+    connect(app, &AppDelegate::updateCheckerNeeded, this, [this](const QString &domain) {
+        m_checkUpdate = std::make_unique<CheckUpdate>();
+        m_checkUpdate->setDomain(domain);
+        connect(m_checkUpdate.get(), &CheckUpdate::newVersionOffered, this,
+                [this](const QString &version, const QString &build) {
+                    print({QStringLiteral("update"), version, build});
+                    m_checkUpdate->alertDidEnd(CheckUpdate::AlternateReturn);
+                });
+    });
     connect(app, &AppDelegate::errorPresented, this, [this](const FvError &error) {
         QString text = error.localizedDescription();
         const QString reason = error.userInfo.value(QStringLiteral("NSLocalizedFailureReason")).toString();

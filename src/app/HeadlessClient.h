@@ -11,6 +11,7 @@
 // Threading: main thread only. Owns the AppDelegate it drives.
 
 #include "app/AppDelegate.h"
+#include "app/CheckUpdate.h"
 
 #include <QObject>
 #include <QPointer>
@@ -85,6 +86,9 @@ private:
 
     Options m_options;
     std::unique_ptr<AppDelegate> m_delegate;
+    // The update check of the signed-in account: an offer is printed and declined at once, so the
+    // next check can run.
+    std::unique_ptr<CheckUpdate> m_checkUpdate;
     QPointer<ProcessWindowController> m_engine;
     QSocketNotifier *m_signalNotifier = nullptr;
     bool m_signedInOnce = false;
