@@ -13,8 +13,8 @@ namespace {
 // buffers, the TLS library's) then stays small enough to be reused from the heap. Large pieces
 // are given back to the system when freed and faulted in again for the next one, which costs
 // several times the encryption itself.
-constexpr qint64 kChunk = 64 * 1024;        // one read from the file, one write to the socket
-constexpr qint64 kWriteAhead = 256 * 1024; // encrypted bytes allowed to wait in the socket
+constexpr qint64 kChunk = 64 * 1024;            // one read from the file, one write to the socket
+constexpr qint64 kWriteAhead = 256 * 1024;      // encrypted bytes allowed to wait in the socket
 constexpr qsizetype kMaxAnswerHead = 64 * 1024; // a longer head is not an answer of ours
 constexpr int kInactivityTimeoutMs = 60 * 1000; // not scaled, like every request's
 
