@@ -51,10 +51,12 @@ void FerrovaneDaemon::startListener(const QString &folder)
 
     auto stream = std::make_unique<InotifyTreeStream>(
         folder, Pace::ms(200), [this](const FSEventBatch &batch) { handleBatch(batch); });
-    if (!stream->start())
+    // One walk of the tree: the classifier learns what exists from the listing the stream makes
+    // as it watches each folder.
+    auto classifier = std::make_unique<ChangeClassifier>(stream->root());
+    if (!stream->start([&classifier](const QString &path, bool isDir) { classifier->addKnown(path, isDir); }))
         return;
-    m_classifier = std::make_unique<ChangeClassifier>(stream->root());
-    m_classifier->scanTree();
+    m_classifier = std::move(classifier);
     m_stream = std::move(stream);
 
     m_server = new QTcpServer(this);
