@@ -10,7 +10,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const auto document = FuzzXml::parse(data, size);
 
     const CommandReplies::PutReply put = CommandReplies::readPut(document);
-    if (put.refusal && (put.named || *put.refusal == 1 || *put.refusal == -1))
+    if (put.refusal && (*put.refusal == 1 || *put.refusal == -1))
         std::abort();
     for (const char *command : {"RENAME", "DEL"}) {
         for (const auto &item : CommandReplies::items(document, QString::fromLatin1(command)))
