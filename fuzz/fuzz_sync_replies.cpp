@@ -45,6 +45,17 @@ bool plainlyBelow(const QString &path, const QString &root)
     return true;
 }
 
+// The local path of a server path: the first "syncfolder" stands for the sync folder; a path
+// without it lies below the sync folder.
+QString localPathOfServerPath(const QString &serverPath, const QString &root)
+{
+    const QString word = QStringLiteral("syncfolder");
+    const qsizetype at = serverPath.indexOf(word);
+    if (at >= 0)
+        return QString(serverPath).replace(at, word.size(), root);
+    return serverPath.startsWith(u'/') ? QString(root + serverPath) : QString(root + u'/' + serverPath);
+}
+
 // The engine's rule for a path from the server: taken only when inside the sync folder.
 void checkPath(const QString &path, const QString &root)
 {
@@ -109,10 +120,7 @@ void readWorkList(const std::shared_ptr<GDataXMLElement> &root, const QString &l
             (void)folder;
             (void)key;
             if (kind == u"ADD") {
-                const QString text = change->stringValue();
-                const QString path = text.contains(QStringLiteral("syncfolder"))
-                                         ? QString(text).replace(QStringLiteral("syncfolder"), localRoot)
-                                         : QString(localRoot + text);
+                const QString path = localPathOfServerPath(change->stringValue(), localRoot);
                 checkPath(path, localRoot);
                 checkName(attribute(change, "NAME"), CataloguePaths::deletingLastPathComponent(path),
                           localRoot);
