@@ -18,7 +18,8 @@ bool isClean(const QString &path)
 {
     if (path.isEmpty() || !path.startsWith(u'/') || path.contains(QChar(0)))
         return false;
-    return QDir::cleanPath(path) == path;
+    // cleanPath keeps a ".." that climbs above "/" ("/../etc"): refused here all the same.
+    return QDir::cleanPath(path) == path && !path.split(u'/').contains(QStringLiteral(".."));
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // DatabaseUtils: the task executor. Runs on the sync worker thread with that thread's context and
 // turns stored tasks into PUT (plus the content upload), RENAME, DEL and MOVE commands.
 #include "catalogue/CataloguePaths.h"
+#include "catalogue/CommandReplies.h"
 #include "catalogue/DatabaseUtils.h"
 #include "protocol/DownloadFile.h"
 #include "protocol/UploadFile.h"
@@ -50,29 +51,6 @@ QString hostWithScheme()
 {
     const QString domain = config(QStringLiteral("kKeyDomain"));
     return domain.contains(QLatin1String("https://")) ? domain : QStringLiteral("https://") + domain;
-}
-
-QList<std::shared_ptr<GDataXMLElement>> replyItems(const std::shared_ptr<GDataXMLDocument> &document,
-                                                   const QString &command)
-{
-    QList<std::shared_ptr<GDataXMLElement>> items;
-    const auto root = document ? document->rootElement() : nullptr;
-    const auto found = root ? root->elementsForName(command) : QList<std::shared_ptr<GDataXMLElement>>();
-    if (found.isEmpty())
-        return items;
-    for (const auto &child : found.first()->children()) {
-        if (child->kind() != GDataXMLElementKind)
-            continue;
-        if (auto element = std::dynamic_pointer_cast<GDataXMLElement>(child))
-            items.append(element);
-    }
-    return items;
-}
-
-QString attribute(const std::shared_ptr<GDataXMLElement> &element, const QString &name)
-{
-    const auto node = element->attributeForName(name);
-    return node ? node->stringValue() : QString();
 }
 
 bool interrupted()
@@ -306,24 +284,18 @@ int DatabaseUtils::uploadFile(const TaskPtr &task, const ContextPtr &context)
     }
     if (reply.unreadable)
         return kErrorReadXml;
-    QStringList fields;
-    for (const auto &item : replyItems(reply.document, QStringLiteral("PUT"))) {
-        const int code = item->stringValue().trimmed().toInt();
-        if (code != 1 && code != -1)
-            return code;
-        fields = {name,
-                  isFolder ? QStringLiteral("-1") : QString::number(size),
-                  QStringLiteral(""),
-                  attribute(item, QStringLiteral("KEY")),
-                  attribute(item, QStringLiteral("PKEY")),
-                  path};
-    }
+    const CommandReplies::PutReply put = CommandReplies::readPut(reply.document);
+    if (put.refusal)
+        return *put.refusal;
     if (interrupted())
         return -5;
-    if (fields.isEmpty()) {
+    if (!put.named) {
         FV_LOG(QStringLiteral("The PUT reply names no item for %1").arg(path));
         return -6;
     }
+    QStringList fields = {
+        name, isFolder ? QStringLiteral("-1") : QString::number(size), QStringLiteral(""), put.key, put.pkey,
+        path};
     const QString now = localTimeFromDate(QDateTime::currentDateTime());
 
     if (isFolder) {
@@ -403,8 +375,8 @@ int DatabaseUtils::renameTask(const TaskPtr &task, const ContextPtr &context)
     if (!reply.document)
         return -6;
     const QString root = syncFolderPath(context);
-    for (const auto &item : replyItems(reply.document, QStringLiteral("RENAME"))) {
-        const int code = item->stringValue().trimmed().toInt();
+    for (const auto &item : CommandReplies::items(reply.document, QStringLiteral("RENAME"))) {
+        const int code = CommandReplies::itemCode(item);
         postLogFromSync(LogObject::createLogObjectWithName(
             newName, localizedString(QStringLiteral("work_rename")), folder ? -1 : row->size().toLongLong(),
             CataloguePaths::relativePath(newPath, root), folder,
@@ -444,8 +416,8 @@ int DatabaseUtils::deleteTask(const TaskPtr &task, const ContextPtr &context)
     if (!reply.document)
         return -6;
     const QString name = row->name();
-    for (const auto &item : replyItems(reply.document, QStringLiteral("DEL"))) {
-        const int code = item->stringValue().trimmed().toInt();
+    for (const auto &item : CommandReplies::items(reply.document, QStringLiteral("DEL"))) {
+        const int code = CommandReplies::itemCode(item);
         postLogFromSync(LogObject::createLogObjectWithName(
             name, localizedString(QStringLiteral("work_delete")), folder ? -1 : row->size().toLongLong(),
             CataloguePaths::relativePath(path, root), folder, localTimeFromDate(QDateTime::currentDateTime()),
@@ -497,8 +469,8 @@ int DatabaseUtils::moveTask(const TaskPtr &task, const ContextPtr &context)
         return kErrorReadXml;
     if (!reply.document)
         return -6;
-    for (const auto &item : replyItems(reply.document, QStringLiteral("MOVE"))) {
-        const int code = attribute(item, QStringLiteral("RESULT")).trimmed().toInt();
+    for (const auto &item : CommandReplies::items(reply.document, QStringLiteral("MOVE"))) {
+        const int code = CommandReplies::attribute(item, QStringLiteral("RESULT")).trimmed().toInt();
         postLogFromSync(LogObject::createLogObjectWithName(
             CataloguePaths::lastPathComponent(newPath), localizedString(QStringLiteral("work_move")),
             folder ? -1 : row->size().toLongLong(), CataloguePaths::relativePath(newPath, root), folder,

@@ -2,6 +2,7 @@
 // transport under them.
 #include "RestLibrary/RestClient.h"
 #include "catalogue/CataloguePaths.h"
+#include "catalogue/CommandReplies.h"
 #include "catalogue/CommandTransport.h"
 #include "catalogue/DatabaseUtils.h"
 #include "util/AppServices.h"
@@ -56,15 +57,6 @@ QDateTime parsed(const QString &text, const QTimeZone &zone)
 QString describe(const QDateTime &date)
 {
     return date.isValid() ? date.toString(Qt::ISODate) : QStringLiteral("(null)");
-}
-
-std::shared_ptr<GDataXMLElement> firstElement(const std::shared_ptr<GDataXMLElement> &parent,
-                                              const QString &name)
-{
-    if (!parent)
-        return nullptr;
-    const QList<std::shared_ptr<GDataXMLElement>> found = parent->elementsForName(name);
-    return found.isEmpty() ? nullptr : found.first();
 }
 
 } // namespace
@@ -206,9 +198,7 @@ QString DatabaseUtils::getServerID()
         QStringLiteral("<XML><SERVERTIME SESSION =\"%1\"></SERVERTIME></XML>").arg(session));
     if (!reply.document)
         return {};
-    const auto element = firstElement(reply.document->rootElement(), QStringLiteral("SERVERTIME"));
-    const auto id = element ? element->attributeForName(QStringLiteral("ID")) : nullptr;
-    return id ? id->stringValue() : QString();
+    return CommandReplies::readServerTime(reply.document);
 }
 
 void DatabaseUtils::updateLastCheckWithCurrentTimeOfServer(const ContextPtr &context)
@@ -270,25 +260,7 @@ std::optional<QStringList> DatabaseUtils::getInfomationOfItemWithKey(const QStri
                              {{QStringLiteral("NSLocalizedDescription"), QStringLiteral("Error read xml")}});
         return std::nullopt;
     }
-    QStringList fields;
-    fields.reserve(14);
-    const auto info = firstElement(document->rootElement(), QStringLiteral("INFO"));
-    std::shared_ptr<GDataXMLElement> item;
-    if (info) {
-        for (const auto &child : info->children()) {
-            if (child->kind() == GDataXMLElementKind) {
-                item = std::dynamic_pointer_cast<GDataXMLElement>(child);
-                break;
-            }
-        }
-    }
-    if (!item)
-        return fields;
-    for (const char *name : {"NAME", "PATH", "TIME", "SIZE", "MEMO", "PRIV", "TAG", "DESC", "OWNER"}) {
-        const auto attribute = item->attributeForName(QString::fromLatin1(name));
-        fields.append(attribute ? attribute->stringValue() : QString());
-    }
-    return fields;
+    return CommandReplies::readInfo(document);
 }
 
 int DatabaseUtils::checkFileIsModifierWithPath(const QString &path, const QString &timeCompare,
