@@ -67,6 +67,11 @@ void AccountView::viewDidMoveToWindow()
     loadInfomation();
 }
 
+void AccountView::setTitleForComponent()
+{
+    m_quotaLabel.setStringValue(text("quota"));
+}
+
 void AccountView::loadInfomation()
 {
     if (m_loading && m_loading->isRunning()) {

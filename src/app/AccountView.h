@@ -31,6 +31,9 @@ public:
     bool isLoading() const { return m_isLoading.load(); }
 
     void viewDidMoveToWindow();
+    // Captions the quota label again (after a locale change); the loaded texts change with the
+    // next load.
+    void setTitleForComponent() override;
     // Starts the spinner and runs loadInfomationThread on a new thread.
     void loadInfomation();
     // The request and the display of its answer; runs on the loading thread.

@@ -1,3 +1,4 @@
+// AppDelegate: construction, the launch sequence, quit, the settings file and the login item.
 #include "app/AppDelegate.h"
 
 #include "app/LanguageUtil.h"
@@ -14,6 +15,7 @@
 #include <QSaveFile>
 #include <QSysInfo>
 #include <QThread>
+#include <QTimer>
 
 namespace {
 
@@ -44,37 +46,57 @@ QString execValue(const QString &program)
     return u'"' + quoted + u'"';
 }
 
-bool makePrivateFolder(const QString &path)
-{
-    if (!QDir().mkpath(path))
-        return false;
-    return QFile::setPermissions(path,
-                                 QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-}
-
 } // namespace
 
-AppDelegate::AppDelegate(QObject *parent) : QObject(parent) {}
+AppDelegate::AppDelegate(QObject *parent) : QObject(parent)
+{
+    // Signed out until a sign-in succeeds: no settings view, no sync items, "login" in the menu.
+    m_settingView.setHidden(true);
+    m_logoutButton.setHidden(true);
+    m_logoutMenuItem.setHidden(true);
+    m_logoutTrayMenuItem.setHidden(true);
+    m_syncStartMenuItem.setEnabled(false);
+    m_syncStopMenuItem.setEnabled(false);
+    m_openSyncFolderMenuItem.setEnabled(false);
+    m_checkUpdateMenuItem.setEnabled(false);
+    m_addShortcut.setEnabled(false);
+    m_preferencesPanel.setHidden(true);
+    setOnLook(&m_onoffButton);
+    setOffLook(&m_notificationCheckBox);
+}
 
 AppDelegate::~AppDelegate()
 {
+    endProcessWindowController();
+    m_loginView.reset();
+    m_accountView.reset();
     if (AppServices::shared() == this)
         AppServices::setShared(nullptr);
 }
 
-void AppDelegate::applicationDidFinishLaunching()
+void AppDelegate::applicationDidFinishLaunching(bool signInWithStoredCredentials)
 {
+    AppServices::setShared(this);
+    m_terminated = false;
+    DistributedNotificationCenter::defaultCenter()->addObserver(
+        this, [this](const QString &name, const QString &object) { readDemon(name, object); },
+        LinkNames::kTestNotification);
+    m_checkUpdateMenuItem.setEnabled(false);
     QThread::currentThread()->setObjectName(QStringLiteral("Application thread"));
     // Loads the string table; the catalogue (below the app layer) reaches it through its localizer.
     LanguageUtil::getStringByKey(QString());
     DatabaseUtils::setLocalizer(&LanguageUtil::getStringByKey);
+    setTileForComponent();
     if (QCoreApplication *app = QCoreApplication::instance()) {
         app->installEventFilter(this);
-        connect(app, &QCoreApplication::aboutToQuit, this, &AppDelegate::applicationWillTerminate);
+        connect(app, &QCoreApplication::aboutToQuit, this, &AppDelegate::applicationWillTerminate,
+                Qt::UniqueConnection);
     }
+    changeIconWithImageName(idleImageName());
     loadConfig();
     // Replaced at every launch: a name the user typed lasts until the next start.
     setConfigValue(QSysInfo::machineHostName(), QStringLiteral("kKeyPCName"));
+    emit logWindowNeeded();
     const QVariant autoStart = getConfigValueByKey(QStringLiteral("kKeyAutoStart"));
     if (autoStart.isValid() && !autoStart.toBool()) {
         setLoginItemEnabled(false);
@@ -82,20 +104,48 @@ void AppDelegate::applicationDidFinishLaunching()
         setConfigValue(true, QStringLiteral("kKeyAutoStart"));
         setLoginItemEnabled(true);
     }
+    makeLoginView();
+    if (signInWithStoredCredentials && getConfigValueByKey(QStringLiteral("kKeyUseID")).isValid() &&
+        getConfigValueByKey(QStringLiteral("kKeyPassword")).isValid())
+        m_loginView->login();
+    if (!m_accountView)
+        m_accountView = AccountView::instance();
 }
 
 void AppDelegate::applicationWillTerminate()
 {
+    if (m_terminated)
+        return;
+    m_terminated = true;
+    endProcessWindowController();
     DistributedNotificationCenter::defaultCenter()->postNotificationName(LinkNames::kDemonStopListener);
 }
+
+bool AppDelegate::applicationShouldHandleReopen(bool hasVisibleWindows)
+{
+    if (!hasVisibleWindows)
+        showMainWindow();
+    return true;
+}
+
+void AppDelegate::readDemon(const QString &, const QString &) {}
 
 bool AppDelegate::eventFilter(QObject *watched, QEvent *event)
 {
     if (watched == QCoreApplication::instance() && event->type() == QEvent::LocaleChange) {
         LanguageUtil::readLanguage();
+        setTileForComponent();
         emit languageChanged();
     }
     return QObject::eventFilter(watched, event);
+}
+
+bool AppDelegate::makePrivateFolder(const QString &path)
+{
+    if (!QDir().mkpath(path))
+        return false;
+    return QFile::setPermissions(path,
+                                 QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
 }
 
 // --- Settings ---
@@ -223,138 +273,12 @@ bool AppDelegate::setLoginItemEnabled(bool enabled)
     return true;
 }
 
-// --- Store stack ---
-
-FvError AppDelegate::storeError() const
+bool AppDelegate::startAtLogin()
 {
-    return FvError(
-        errorDomain(), 9999,
-        {{QStringLiteral("NSLocalizedDescription"), QStringLiteral("Failed to initialize the store")},
-         {QStringLiteral("NSLocalizedFailureReason"),
-          QStringLiteral("There was an error building up the data file.")}});
+    return QFileInfo::exists(loginItemPath());
 }
 
-std::shared_ptr<PersistentStoreCoordinator> AppDelegate::persistentStoreCoordinator()
+void AppDelegate::setStartAtLogin(bool enabled)
 {
-    FvError failure;
-    {
-        QMutexLocker lock(&m_storeLock);
-        if (m_persistentStoreCoordinator)
-            return m_persistentStoreCoordinator;
-        const QString folder = applicationFilesDirectory();
-        const QFileInfo info(folder);
-        if (info.exists() && !info.isDir()) {
-            failure =
-                FvError(errorDomain(), 101,
-                        {{QStringLiteral("NSLocalizedDescription"),
-                          QStringLiteral("Expected a folder to store application data, found a file (%1).")
-                              .arg(folder)}});
-        } else if (!info.exists() && !makePrivateFolder(folder)) {
-            failure = FvError(errorDomain(), 102,
-                              {{QStringLiteral("NSLocalizedDescription"),
-                                QStringLiteral("Could not create the folder to store application data (%1).")
-                                    .arg(folder)}});
-        } else {
-            // The user id becomes part of a file name: keep it inside the folder.
-            QString user = getConfigValueByKey(QStringLiteral("kKeyUseID")).toString();
-            user.replace(u'/', u'_').replace(QChar(0), u'_');
-            const QString path = folder + QStringLiteral("/Tarnwick_") + user + QStringLiteral(".storedata");
-            m_persistentStoreCoordinator = PersistentStoreCoordinator::create(path, &failure);
-            if (m_persistentStoreCoordinator)
-                return m_persistentStoreCoordinator;
-        }
-    }
-    // Presented outside the lock: whoever shows it may come back for a context.
-    presentError(failure);
-    return nullptr;
-}
-
-std::shared_ptr<ManagedObjectContext> AppDelegate::managedObjectContext()
-{
-    if (!m_isLogined)
-        return nullptr;
-    if (m_managedObjectContext)
-        return m_managedObjectContext;
-    if (QThread::currentThread() != thread())
-        FV_LOG(QStringLiteral("The main context is being built off the main thread"));
-    const std::shared_ptr<PersistentStoreCoordinator> coordinator = persistentStoreCoordinator();
-    if (!coordinator) {
-        presentError(storeError());
-        return nullptr;
-    }
-    FvError failure;
-    m_managedObjectContext = ManagedObjectContext::create(coordinator, &failure);
-    if (!m_managedObjectContext)
-        presentError(failure);
-    return m_managedObjectContext;
-}
-
-std::shared_ptr<ManagedObjectContext> AppDelegate::getManagedObjectContextByThread()
-{
-    const std::shared_ptr<PersistentStoreCoordinator> coordinator = persistentStoreCoordinator();
-    if (!coordinator) {
-        presentError(storeError());
-        return nullptr;
-    }
-    FvError failure;
-    std::shared_ptr<ManagedObjectContext> context = ManagedObjectContext::create(coordinator, &failure);
-    if (!context)
-        presentError(failure);
-    return context;
-}
-
-void AppDelegate::saveData()
-{
-    if (QThread::currentThread() != thread()) {
-        QMetaObject::invokeMethod(this, &AppDelegate::saveData, Qt::BlockingQueuedConnection);
-        return;
-    }
-    const std::shared_ptr<ManagedObjectContext> context = m_managedObjectContext;
-    if (!context || !context->hasChanges())
-        return;
-    FvError failure;
-    if (!context->save(&failure))
-        presentError(failure);
-}
-
-void AppDelegate::deleteManagedObject(const ManagedObjectPtr &object)
-{
-    if (m_managedObjectContext)
-        m_managedObjectContext->deleteObject(object);
-}
-
-void AppDelegate::presentError(const FvError &error)
-{
-    QString text = error.toString();
-    const QString reason = error.userInfo.value(QStringLiteral("NSLocalizedFailureReason")).toString();
-    if (!reason.isEmpty())
-        text += QStringLiteral(" (") + reason + u')';
-    FV_LOG(text);
-    emit errorPresented(error);
-}
-
-// --- Services announced to the shell ---
-
-void AppDelegate::postNotificationWithTitle(const QString &title, const QString &message)
-{
-    emit notificationPosted(title, message);
-}
-
-void AppDelegate::startStatusBarAnimation()
-{
-    emit statusBarAnimationChanged(true);
-}
-void AppDelegate::stopStatusBarAnimation()
-{
-    emit statusBarAnimationChanged(false);
-}
-
-void AppDelegate::relogin()
-{
-    if (QThread::currentThread() != thread()) {
-        QMetaObject::invokeMethod(this, &AppDelegate::relogin, Qt::QueuedConnection);
-        return;
-    }
-    m_isRetry = true;
-    emit reloginRequested();
+    setLoginItemEnabled(enabled);
 }

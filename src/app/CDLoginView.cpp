@@ -112,8 +112,12 @@ bool CDLoginView::checkInput()
 
 void CDLoginView::login()
 {
-    if (isSending() || !checkInput())
+    if (isSending())
         return;
+    if (!checkInput()) {
+        emit loginFailed(Failure::Incomplete);
+        return;
+    }
     if (!m_client)
         m_client = std::make_shared<RestClient>();
     m_client->setDelegate(this);
@@ -142,6 +146,14 @@ void CDLoginView::login()
     QThread *thread = QThread::create([client, info] { client->postNonAsyncWithArrayInfo(info); });
     thread->setObjectName(QStringLiteral("LOGIN"));
     connect(thread, &QThread::finished, thread, &QObject::deleteLater);
+    // A reply that is not XML reaches neither callback: once the thread is done (its answer, if
+    // any, was queued here before this), treat the silence as no answer.
+    m_answered = false;
+    const quint64 attempt = ++m_attempts;
+    connect(thread, &QThread::finished, this, [this, attempt] {
+        if (attempt == m_attempts && !m_answered)
+            restClientHasFail(nullptr, std::nullopt);
+    });
     m_sending = thread;
     thread->start();
 
@@ -157,6 +169,7 @@ void CDLoginView::showLoginFailMess()
     m_loginButton.setEnabled(true);
     m_progressIndicator.stopAnimation();
     m_progressIndicator.setHidden(true);
+    emit loginFailed(Failure::Refused);
 }
 
 void CDLoginView::restClientDidFinishRequestwithData(RestClient *client,
@@ -168,6 +181,7 @@ void CDLoginView::restClientDidFinishRequestwithData(RestClient *client,
             Qt::QueuedConnection);
         return;
     }
+    m_answered = true;
     const std::shared_ptr<GDataXMLElement> root = document ? document->rootElement() : nullptr;
     QString result, timezone, mailId;
     if (root) {
@@ -243,6 +257,7 @@ void CDLoginView::restClientHasFail(RestClient *client, const std::optional<QVar
             this, [this, client, info] { restClientHasFail(client, info); }, Qt::QueuedConnection);
         return;
     }
+    m_answered = true;
     if (info) {
         showLoginFailMess();
         return;
@@ -253,4 +268,5 @@ void CDLoginView::restClientHasFail(RestClient *client, const std::optional<QVar
     m_loginButton.setEnabled(true);
     m_progressIndicator.stopAnimation();
     m_progressIndicator.setHidden(true);
+    emit loginFailed(Failure::NoAnswer);
 }

@@ -35,6 +35,14 @@ public:
     // Sent as VER.
     static QString clientVersion() { return QStringLiteral("20130128"); }
 
+    // Why a sign-in attempt ended without success.
+    enum class Failure {
+        Incomplete, // a field was empty; nothing was sent
+        Refused,    // the server refused the user id or password
+        NoAnswer,   // no usable answer (nobody there, TLS refused, HTTP error, not XML)
+    };
+    Q_ENUM(Failure)
+
     explicit CDLoginView(QObject *parent = nullptr);
     ~CDLoginView() override;
     // A new view with the stored credentials filled in (checkInfomation).
@@ -71,6 +79,10 @@ public:
                                             const std::shared_ptr<GDataXMLDocument> &document) override;
     void restClientHasFail(RestClient *client, const std::optional<QVariantMap> &info) override;
 
+signals:
+    // After the view showed the failure (main thread).
+    void loginFailed(CDLoginView::Failure failure);
+
 private:
     ViewControl m_domainTextField;
     ViewControl m_useridTextField;
@@ -89,4 +101,6 @@ private:
     InfomationPtr m_infomation;
     std::shared_ptr<RestClient> m_client; // shared with the command's thread
     QPointer<QThread> m_sending;
+    bool m_answered = false; // the current command's answer (or failure) has been handled
+    quint64 m_attempts = 0;
 };

@@ -59,6 +59,18 @@ void ViewControl::stopAnimation()
     apply([this] { return std::exchange(m_animating, false); });
 }
 
+void ViewControl::setLook(const QString &image, const QString &alternateImage, const QString &textColor)
+{
+    apply([this, image, alternateImage, textColor] {
+        const bool same =
+            m_imageName == image && m_alternateImageName == alternateImage && m_textColor == textColor;
+        m_imageName = image;
+        m_alternateImageName = alternateImage;
+        m_textColor = textColor;
+        return !same;
+    });
+}
+
 void ViewControl::makeFirstResponder()
 {
     if (QThread::currentThread() == thread())

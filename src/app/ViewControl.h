@@ -1,7 +1,9 @@
 #pragma once
-// The state of one control of a view (a text field, label, button, check box, level or progress
-// indicator): its text, enabled, hidden, checked, level and animation. A widget (or the headless
-// client) shows it and follows `changed`; `focusRequested` asks for the keyboard focus.
+// The state of one control of a view (a text field, label, button, check box, menu item, level or
+// progress indicator): its text, enabled, hidden, checked, level, animation and, for image buttons,
+// the look (image, pressed image, text colour). A widget (or the headless client) shows it and
+// follows `changed`; `focusRequested` asks for the keyboard focus. For a menu item, enabled means
+// the item has its action.
 //
 // Threading: lives on the main thread. Setters may be called from any thread: off the main
 // thread they are queued to it. Read the state on the main thread.
@@ -33,6 +35,13 @@ public:
     void stopAnimation();
     void makeFirstResponder();
 
+    // Image buttons: the resource names of the image and the pressed image, and the title's colour
+    // as a colour name ("white", "black"); empty when the control has no such look.
+    const QString &imageName() const { return m_imageName; }
+    const QString &alternateImageName() const { return m_alternateImageName; }
+    const QString &textColor() const { return m_textColor; }
+    void setLook(const QString &image, const QString &alternateImage, const QString &textColor);
+
 signals:
     void changed();
     void focusRequested();
@@ -47,4 +56,7 @@ private:
     bool m_checked = false;
     double m_doubleValue = 0;
     bool m_animating = false;
+    QString m_imageName;
+    QString m_alternateImageName;
+    QString m_textColor;
 };
