@@ -13,6 +13,8 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
+#include <QHash>
+#include <QSet>
 #include <QThread>
 
 namespace {
@@ -78,6 +80,45 @@ bool interrupted()
     return QThread::currentThread()->isInterruptionRequested();
 }
 
+// Oldest first, except that a new folder goes before everything below it. A new file's task
+// carries the file's own date, which is often older than the task of the folder it lies in (a
+// tree moved in, a folder and its first file seen together); sent first, the file would find no
+// folder on the server.
+QList<TaskPtr> parentsFirst(const QList<TaskPtr> &tasks)
+{
+    QHash<QString, TaskPtr> newFolders;
+    for (const TaskPtr &task : tasks) {
+        if (task->taskType() == 1 && task->folder().value_or(false) && !newFolders.contains(task->path()))
+            newFolders.insert(task->path(), task);
+    }
+    if (newFolders.isEmpty())
+        return tasks;
+    QList<TaskPtr> ordered;
+    ordered.reserve(tasks.size());
+    QSet<const Task *> placed;
+    const auto place = [&](const TaskPtr &task) {
+        if (placed.contains(task.get()))
+            return;
+        placed.insert(task.get());
+        // The folders above it first, outermost first.
+        QStringList above;
+        for (QString path = CataloguePaths::deletingLastPathComponent(task->path()); path.size() > 1;
+             path = CataloguePaths::deletingLastPathComponent(path))
+            above.prepend(path);
+        for (const QString &path : std::as_const(above)) {
+            const TaskPtr folder = newFolders.value(path);
+            if (folder && !placed.contains(folder.get())) {
+                placed.insert(folder.get());
+                ordered.append(folder);
+            }
+        }
+        ordered.append(task);
+    };
+    for (const TaskPtr &task : tasks)
+        place(task);
+    return ordered;
+}
+
 void notifyUser(const QString &titleKey, const QString &kindKey, const QString &name)
 {
     if (AppServices *services = AppServices::shared())
@@ -120,8 +161,8 @@ bool DatabaseUtils::runTasks(const ContextPtr &context)
     bool restart = true;
     while (restart && !endThread && !aborted) {
         restart = false;
-        const QList<TaskPtr> tasks = context->fetch<Task>(
-            Predicate(), {SortDescriptor::sortDescriptorWithKey(QStringLiteral("time"), true)});
+        const QList<TaskPtr> tasks = parentsFirst(context->fetch<Task>(
+            Predicate(), {SortDescriptor::sortDescriptorWithKey(QStringLiteral("time"), true)}));
         for (const TaskPtr &task : tasks) {
             if (!isAlive() || interrupted()) {
                 endThread = true;

@@ -1,6 +1,6 @@
 // ferrovane-daemon: the separate watcher process. It waits on the session bus for the client's
 // start notification, watches the sync folder and sends each change to the client over loopback
-// TCP. It runs until SIGTERM or SIGINT.
+// TCP. It runs until SIGTERM or SIGINT, or until its session bus goes away (the session ended).
 
 #include "daemon/FerrovaneDaemon.h"
 #include "link/DistributedNotificationCenter.h"
@@ -41,6 +41,18 @@ bool installSignalHandlers()
     return ::sigaction(SIGTERM, &action, nullptr) == 0 && ::sigaction(SIGINT, &action, nullptr) == 0;
 }
 
+// Ends the program when the bus connection is lost: nothing can reach the daemon any more.
+class BusLoss final : public QObject
+{
+    Q_OBJECT
+public slots:
+    void disconnected()
+    {
+        FV_LOG(u"The session bus went away: exiting"_qs);
+        QCoreApplication::quit();
+    }
+};
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -78,6 +90,9 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "ferrovane-daemon: no D-Bus session bus\n");
         return 1;
     }
+    BusLoss busLoss;
+    bus.connect(QString(), u"/org/freedesktop/DBus/Local"_qs, u"org.freedesktop.DBus.Local"_qs,
+                u"Disconnected"_qs, &busLoss, SLOT(disconnected()));
     // Subscribed first, then named: whoever sees the name can post to us.
     DistributedNotificationCenter *center = DistributedNotificationCenter::defaultCenter();
     if (!center->isConnected())
@@ -97,3 +112,5 @@ int main(int argc, char **argv)
     bus.interface()->unregisterService(kServiceName);
     return result;
 }
+
+#include "main.moc"

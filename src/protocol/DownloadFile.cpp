@@ -115,6 +115,11 @@ private:
             m_state->set(TransferState::Fail);
             return;
         }
+        // An answer without a body is an empty file, which must exist all the same.
+        if (!m_fileHandler.isOpen() && !openOutput()) {
+            fail();
+            return;
+        }
         FV_LOG(QStringLiteral("Finish!"));
         m_fileHandler.close();
         m_state->set(TransferState::Done);

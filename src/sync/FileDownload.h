@@ -43,6 +43,8 @@ public:
     FileDownloadDelegate *delegate() const { return m_delegate; }
     void setDelegate(FileDownloadDelegate *delegate) { m_delegate = delegate; }
     const QStringList &arrInfo() const { return m_arrInfo; }
+    // The record of the next download (the object is reused from one download to the next).
+    void setArrInfo(const QStringList &infomation) { m_arrInfo = infomation; }
     FileInternetBase *fileInternetBase() const { return m_fileInternetBase; }
     const QString &path() const { return m_path; }
     bool isDownloading() const { return m_isDownloading; }

@@ -4,14 +4,56 @@
 // queue, the 60-second work-list timer, the connection to the watcher daemon with its keep-alive,
 // the download queue and the pending server work items.
 //
-// Threading: create, disconnect and destroy on the main thread. The signals are emitted on the
-// main thread.
+// Threads:
+//  - main thread: creation, disconnect, destruction, the daemon link (distributed notifications,
+//    the socket and its keep-alive), the signals;
+//  - worker "Main thread": the first synchronisation, the work-list timer and its passes, the task
+//    executor and the download queue, with the catalogue context `managedObjectContext`;
+//  - listener queue (a thread named after the bundle identifier + ".ListenerQueue"): one job at a
+//    time, each local change and each entry of the first synchronisation, with the catalogue context
+//    `listenerManagedObjectContext`.
+// Methods documented "worker" or "listener queue" must be called on that thread; the change
+// handlers (fileWasAdded, ...) may be called from any thread and hop to the listener queue.
+// The work flags are set and tested without locks; `isAlive` going false stops every loop at its
+// next test. Ownership: the application services are not owned and must outlive the controller.
 
+#include "RestLibrary/RestClient.h"
+#include "sync/FileDownload.h"
+#include "sync/ProcessTask.h"
+#include "util/FolderUtil.h"
+#include "watch/FSEventsListener.h"
+#include "watch/VDKQueue.h"
+
+#include <QList>
+#include <QMutex>
 #include <QObject>
+#include <QPointer>
+#include <QTcpSocket>
+#include <QStringList>
+#include <QVariant>
+#include <QVariantMap>
+#include <atomic>
+#include <functional>
+#include <memory>
 
 class AppServices;
+class DaemonLauncher;
+class DatabaseUtils;
+class GDataXMLElement;
+class ManagedObjectContext;
+class QThread;
+class QTimer;
 
-class ProcessWindowController final : public QObject
+namespace MessageFraming {
+class FrameBuffer;
+}
+
+class ProcessWindowController final : public QObject,
+                                      public RestClientDelegate,
+                                      public FileDownloadDelegate,
+                                      public FolderUtilDelegate,
+                                      public FSEventsListenerDelegate,
+                                      public VDKQueueDelegate
 {
     Q_OBJECT
     Q_DISABLE_COPY_MOVE(ProcessWindowController)
@@ -27,17 +69,151 @@ public:
     };
     Q_ENUM(State)
 
+    // A daemon event as the entry points and handlers receive it.
+    struct Notification
+    {
+        QString name;
+        QVariant object;
+        QVariantMap userInfo;
+    };
+
     // init: builds the engine and starts it. `appDelegate` is not owned and must outlive it.
     explicit ProcessWindowController(AppServices *appDelegate, QObject *parent = nullptr);
     // Waits (bounded) for the worker thread and the listener queue to end.
     ~ProcessWindowController() override;
 
-    // Stops the engine; no work starts afterwards.
+    // Stops the engine; no work starts afterwards. Main thread.
     void disconnect();
 
     State state() const;
     // True when nothing is queued or running: no listener job, no download, no task run, no pass.
     bool isQuiet() const;
+
+    // --- Properties ---
+    bool isSyncing() const { return m_isSyncing.load(); }
+    void setIsSyncing(bool syncing) { m_isSyncing = syncing; }
+    AppServices *appDelegate() const { return m_appDelegate; }
+    QString path() const;
+    void setPath(const QString &path);
+    QString macName() const;
+    void setMacName(const QString &name);
+    std::shared_ptr<RestClient> restClient() const;
+    FSEventsListener *eventListener() const { return m_eventListener.get(); }
+    void setEventListener(std::unique_ptr<FSEventsListener> listener);
+    VDKQueue *vdkQueue() const { return m_vdkQueue.get(); }
+    void setVdkQueue(std::unique_ptr<VDKQueue> queue);
+    QList<QStringList> listDownload() const;
+    void setListDownload(const QList<QStringList> &downloads);
+    QList<ProcessTask> listTask() const;
+    QTimer *checkSyncTimer() const;
+    QTimer *liveTimer() const { return m_liveTimer; }
+    std::shared_ptr<FolderUtil> folderUtil() const;
+    // Lazy: made on first use on the worker (resp. the listener queue); null elsewhere until then.
+    std::shared_ptr<ManagedObjectContext> managedObjectContext();
+    std::shared_ptr<ManagedObjectContext> listenerManagedObjectContext();
+    QThread *mainThreadCheck() const { return m_mainThreadCheck; }
+    // One loopback socket carries both directions: the two streams are its two halves.
+    QTcpSocket *inputStream() const { return m_socket; }
+    QTcpSocket *outputStream() const { return m_socket; }
+
+    // --- Lifecycle and passes ---
+    // Worker: the body of the 60-second timer.
+    void threadCheck();
+    // Worker: creates the 60-second timer and fires it once at once, unless one exists.
+    void createThreadCheck();
+    // The worker's entry: its event loop, until the thread is ended.
+    void createMainThreadCheck();
+    // The first synchronisation on a thread of its own (not used by the constructor).
+    void createThreadFirstTime();
+    // Worker: the first synchronisation, then the timer.
+    void firstTimeSync();
+    // Listener queue: one folder of the server tree, recursively.
+    void getContentInFolder(const std::shared_ptr<GDataXMLElement> &element, const QString &parentPath,
+                            const std::shared_ptr<ManagedObjectContext> &context);
+    // Listener queue: creates one folder and its record; its local path ("" when skipped).
+    QString addDirWithElement(const std::shared_ptr<GDataXMLElement> &element, const QString &parentPath,
+                              const std::shared_ptr<ManagedObjectContext> &context);
+    // Listener queue: fetches one file when needed and records it.
+    void addFileWithElement(const std::shared_ptr<GDataXMLElement> &element, const QString &parentPath,
+                            const std::shared_ptr<ManagedObjectContext> &context);
+    // Worker: one work-list pass.
+    void checkSyncList();
+    // Worker: the work-item builders (each appends at most one item to listTask).
+    void addObjectWithXmlElement(const std::shared_ptr<GDataXMLElement> &element);
+    void delObjectWithXmlElement(const std::shared_ptr<GDataXMLElement> &element);
+    void renameObjectWithXmlElement(const std::shared_ptr<GDataXMLElement> &element);
+    void moveObjectWithXmlElement(const std::shared_ptr<GDataXMLElement> &element);
+    // Worker: applies and empties listTask.
+    void nextTask();
+
+    // Stores `time` as the last check unless the stored one is not older (never moves backwards).
+    void updateLastCheck(const std::shared_ptr<ManagedObjectContext> &context, const QString &time);
+    // Stores index 2 of `info` as the last check when it is a valid 14-digit time.
+    void updateInfoamtion(const QVariantList &info, const std::shared_ptr<ManagedObjectContext> &context);
+
+    // --- Downloads (any thread; they run on the worker) ---
+    void downloadFile();
+    void fileDownloadComplete() override;
+    void fileDownloadStatus(const QString &status) override;
+
+    // --- Replies of the asynchronous command path ---
+    void restClientDidFinishRequestwithData(RestClient *client,
+                                            const std::shared_ptr<GDataXMLDocument> &document) override;
+    void restClientHasFail(RestClient *client, const std::optional<QVariantMap> &info) override;
+
+    // --- The watcher daemon (main thread) ---
+    void beginListener();
+    void endListener();
+    void registerNotification();
+    void removeNotification();
+    // (name) or (name, object): a distributed notification.
+    void postNotificationOnMainThread(const QStringList &notification);
+    void createSocketClientWithNotification(const QString &port);
+    void sendLive();
+    void myFSListenerTest(const Notification &notification);
+
+    // Entry points: queue the matching handler on the listener queue (any thread).
+    void myFSListenerCreateFile(const Notification &notification);
+    void myFSListenerCreateDir(const Notification &notification);
+    void myFSListenerDeleteFile(const Notification &notification);
+    void myFSListenerDeleteDir(const Notification &notification);
+    void myFSListenerRenameFile(const Notification &notification);
+    void myFSListenerRenameDir(const Notification &notification);
+    void myFSListenerUpdateFile(const Notification &notification);
+    void myFSListenerMoveFile(const Notification &notification);
+    void myFSListenerMoveDir(const Notification &notification);
+    // Handlers (listener queue).
+    void myFSListenerCreateFileOnThread(const Notification &notification);
+    void myFSListenerCreateDirOnThread(const Notification &notification);
+    void myFSListenerDeleteFileOnThread(const Notification &notification);
+    void myFSListenerDeleteDirOnThread(const Notification &notification);
+    void myFSListenerRenameFileOnThread(const Notification &notification);
+    void myFSListenerRenameDirOnThread(const Notification &notification);
+    void myFSListenerUpdateFileOnThread(const Notification &notification);
+    void myFSListenerMoveFileOnThread(const Notification &notification);
+    void myFSListenerMoveDirOnThread(const Notification &notification);
+
+    // Change handlers: each stores one task description (any thread; they run on the listener queue).
+    void fileWasAdded(const QString &path) override;
+    void fileWasRemoved(const QString &path) override;
+    void fileWasUpdate(const QString &path) override;
+    void fileWasRenamed(const QString &oldPath, const QString &newPath) override;
+    // Full old and new paths; the in-process listener's (name, old folder, new folder) form is
+    // accepted too.
+    void fileWasMove(const QString &name, const QString &oldDir, const QString &newDir) override;
+    void directoryWasAdded(const QString &path) override;
+    void directoryWasRemoved(const QString &path) override;
+    void directoryWasRenamed(const QString &oldPath, const QString &newPath) override;
+    void directoryWasMove(const QString &oldPath, const QString &newPath) override;
+    void fileSystemUnknowAtPath(const QString &path) override;
+    void folderUtilHasItemAtPath(FolderUtil *util, const QString &path, bool isFolder) override;
+    void VDKQueueReceivedNotificationForPath(VDKQueue *queue, const QString &name,
+                                             const QString &path) override;
+
+    // --- Reporting (any thread) ---
+    void addStringToLog(const QString &message);
+    void addStringToLogOnMainThread(const QString &message);
+    void postLog(const QVariant &log);
 
 signals:
     void stateChanged(ProcessWindowController::State state);
@@ -45,6 +221,73 @@ signals:
     void passCompleted();
 
 private:
+    struct Fields; // what the main thread drops while the worker may still read it
+
+    void setState(State state);
+    bool isAlive() const { return m_isAlive.load(); }
+    [[noreturn]] void endThread();
+    void endThreadIfNotAlive();
+    // Runs `job` on the worker / the listener queue without waiting; counted for isQuiet().
+    void postToWorker(std::function<void()> job);
+    void postToListener(std::function<void()> job, bool paced);
+    // Runs `job` on the listener queue and waits (at once when already there).
+    void runOnListenerAndWait(const std::function<void()> &job);
+    // Runs `job` on the main thread, waiting only when asked, and never past the engine's end.
+    void runOnMainThread(std::function<void()> job, bool wait);
+    bool onListenerQueue() const;
+    void startAnimation(bool wait = false);
+    void stopAnimation();
+    QString session() const;
+    std::shared_ptr<DatabaseUtils> db() const { return m_databaseUtils; }
+
+    // First synchronisation helpers.
+    bool findCloudFolderKey(const std::shared_ptr<ManagedObjectContext> &context);
+    void rescanSyncFolder();
+    // Fetches a file into `local`; an existing file is replaced only by a complete copy.
+    bool downloadInto(const QString &local, const QString &name, QString *md5, const QString &key,
+                      const QString &serverTime);
+    // Work-list helpers.
+    // Applies the items of a WORKLIST reply; the ID of its last WORKLIST element.
+    QString readWorkList(const std::shared_ptr<GDataXMLDocument> &document);
+    void checkRootFolder(const std::shared_ptr<ManagedObjectContext> &context);
+    void invalidSession();
+    void noInternetConnection();
+    void applyTask(const ProcessTask &task, const std::shared_ptr<ManagedObjectContext> &context);
+    QString localPathOfServerPath(const QString &serverPath) const;
+
+    // Daemon link helpers.
+    void handleSocketBytes();
+    void handleSocketEnd(const QString &reason, bool error);
+    void dispatchMessage(const QByteArray &body);
+    void dropSocket();
+    void stopLiveTimer();
+    void storeTask(qint64 type, const QString &name, const QString &path, const QString &newPath, bool folder,
+                   bool fileStillThere);
+    void renameOnThread(const Notification &notification, bool folder);
+    void moveOnThread(const Notification &notification, bool folder);
+
     AppServices *m_appDelegate = nullptr;
-    State m_state = State::Starting;
+    std::shared_ptr<DatabaseUtils> m_databaseUtils;
+    std::unique_ptr<Fields> m_fields;
+    std::unique_ptr<FSEventsListener> m_eventListener;
+    std::unique_ptr<VDKQueue> m_vdkQueue;
+    std::shared_ptr<ManagedObjectContext> m_managedObjectContext;
+    std::shared_ptr<ManagedObjectContext> m_listenerManagedObjectContext;
+    std::unique_ptr<FileDownload> m_fileDownload; // worker
+    std::atomic<bool> m_isSyncing{false};
+    std::atomic<bool> m_isDownloading{false};
+    std::atomic<bool> m_isAlive{false};
+    std::atomic<bool> m_disconnected{false};
+    std::atomic<int> m_pendingListenerJobs{0};
+    std::atomic<int> m_pendingWorkerJobs{0};
+
+    QThread *m_mainThreadCheck = nullptr;
+    QThread *m_listenerQueue = nullptr;
+    QObject *m_workerReceiver = nullptr;   // lives on the worker; queued jobs go to it
+    QObject *m_listenerReceiver = nullptr; // lives on the listener queue
+    QTimer *m_liveTimer = nullptr;         // main thread
+    QPointer<QTcpSocket> m_socket;         // main thread
+    std::unique_ptr<MessageFraming::FrameBuffer> m_frameBuffer;
+    std::unique_ptr<DaemonLauncher> m_daemonLauncher;
+    State m_state = State::Starting; // main thread
 };

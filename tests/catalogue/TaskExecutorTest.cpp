@@ -160,6 +160,21 @@ TEST_F(TaskExecutorTest, NewFoldersAndFilesAreUploaded)
     EXPECT_GE(services->animationStarts.load(), 4);
 }
 
+TEST_F(TaskExecutorTest, NewFoldersGoBeforeWhatTheyHoldWhateverTheOrderOfTheirTasks)
+{
+    // A tree moved in: its files keep their old dates, which date their tasks before the folders'.
+    ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("tree/sub/deep.txt")), "deep"));
+    ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("tree/top.txt")), "top"));
+    queue(1, QStringLiteral("tree/sub/deep.txt"), false);
+    queue(1, QStringLiteral("tree/top.txt"), false);
+    queue(1, QStringLiteral("tree/sub"), true);
+    queue(1, QStringLiteral("tree"), true);
+    runTasks();
+    EXPECT_TRUE(pendingTypes().isEmpty());
+    expectSameEverywhere();
+    EXPECT_EQ(commands().count(QStringLiteral("UPLOAD")), 2);
+}
+
 TEST_F(TaskExecutorTest, RenamesReachTheServerAndTheCatalogue)
 {
     ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("docs/sub/a.txt")), "alpha"));

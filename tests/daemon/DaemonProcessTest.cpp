@@ -29,6 +29,7 @@ const QString kServiceName = u"com.velmora.FerrovaneDaemon"_qs;
 class PrivateBus
 {
 public:
+    explicit PrivateBus(const QString &connectionName = u"daemon-test"_qs) : m_name(connectionName) {}
     bool start()
     {
         const QString program = QStandardPaths::findExecutable(u"dbus-daemon"_qs);
@@ -41,13 +42,19 @@ public:
         address = QString::fromUtf8(m_process.readLine()).trimmed();
         if (address.isEmpty())
             return false;
-        bus = std::make_unique<QDBusConnection>(QDBusConnection::connectToBus(address, u"daemon-test"_qs));
+        bus = std::make_unique<QDBusConnection>(QDBusConnection::connectToBus(address, m_name));
         return bus->isConnected();
     }
-    ~PrivateBus()
+    ~PrivateBus() { stop(); }
+    // Ends the bus daemon, as the end of a session does.
+    void stop()
     {
-        bus.reset();
-        QDBusConnection::disconnectFromBus(u"daemon-test"_qs);
+        if (bus) {
+            bus.reset();
+            QDBusConnection::disconnectFromBus(m_name);
+        }
+        if (m_process.state() == QProcess::NotRunning)
+            return;
         m_process.terminate();
         if (!m_process.waitForFinished(3000))
             m_process.kill();
@@ -57,6 +64,7 @@ public:
     std::unique_ptr<QDBusConnection> bus;
 
 private:
+    QString m_name;
     QProcess m_process;
 };
 
@@ -326,6 +334,29 @@ TEST_F(DaemonProcess, StartForSomethingThatIsNotAFolderAnnouncesNothing)
     EXPECT_EQ(ports.size(), 1);
     write(root + u"/ok.txt"_qs);
     EXPECT_EQ(settle(), QStringList({u"CreateFile ok.txt"_qs}));
+}
+
+TEST(DaemonSession, ExitsWhenItsSessionBusGoesAway)
+{
+    PrivateBus bus(u"daemon-session-test"_qs);
+    if (!bus.start())
+        GTEST_SKIP() << "dbus-daemon is not available";
+    QProcess daemon;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(u"DBUS_SESSION_BUS_ADDRESS"_qs, bus.address);
+    daemon.setProcessEnvironment(env);
+    daemon.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    daemon.start(QCoreApplication::applicationDirPath() + u"/ferrovane-daemon"_qs);
+    ASSERT_TRUE(daemon.waitForStarted(5000));
+    ASSERT_TRUE(TestUtil::waitFor(
+        [&] { return bus.bus->interface()->isServiceRegistered(kServiceName).value(); }, 20000));
+
+    bus.stop();
+    // Left running it would outlive the session that started it.
+    const bool exited = daemon.waitForFinished(20000);
+    if (!exited)
+        daemon.kill();
+    EXPECT_TRUE(exited);
 }
 
 } // namespace

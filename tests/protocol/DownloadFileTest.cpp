@@ -59,6 +59,18 @@ protected:
 
 } // namespace
 
+TEST_F(DownloadServer, AnEmptyFileArrivesAsAnEmptyFile)
+{
+    const QString url = stored(QByteArray());
+    const QDateTime when(QDate(2014, 2, 3), QTime(4, 5, 6), QTimeZone::utc());
+    QString digest;
+    ASSERT_TRUE(download(url, &digest, when));
+    ASSERT_TRUE(QFileInfo::exists(path));
+    EXPECT_EQ(QFileInfo(path).size(), 0);
+    EXPECT_EQ(digest, md5(QByteArray()));
+    EXPECT_EQ(QFileInfo(path).lastModified().toUTC(), when);
+}
+
 TEST_F(DownloadServer, WritesTheBodyDigestsItAndSetsTheDate)
 {
     QByteArray content(3 * 1024 * 1024 + 11, Qt::Uninitialized);

@@ -1,0 +1,356 @@
+// ProcessWindowController: the first synchronisation. The worker finds the server's sync folder,
+// starts the watcher daemon, sends pending local tasks, and (once per account and folder) walks the
+// server tree; each top-level entry is handled on the listener queue, where it cannot interleave
+// with local change events. Then the local folder is rescanned and the work-list timer started.
+#include "catalogue/CataloguePaths.h"
+#include "catalogue/DatabaseUtils.h"
+#include "protocol/UploadFile.h"
+#include "sync/ProcessWindowControllerPrivate.h"
+#include "util/AppServices.h"
+#include "util/Codecs.h"
+#include "util/Log.h"
+#include "util/LogObject.h"
+#include "util/Pace.h"
+#include "xml/GDataXMLNode.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QRandomGenerator>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+using namespace EngineDetail;
+
+namespace {
+
+std::optional<qint64> integerOf(const QString &text)
+{
+    if (text.isNull())
+        return std::nullopt;
+    return text.trimmed().toLongLong();
+}
+
+} // namespace
+
+void ProcessWindowController::firstTimeSync()
+{
+    const std::shared_ptr<ManagedObjectContext> context = managedObjectContext();
+    const std::shared_ptr<DatabaseUtils> utils = db();
+    utils->setSyncThread(QThread::currentThread());
+    utils->setManagedObjectContext(context);
+    if (path().isEmpty()) {
+        if (const InfomationPtr info = utils->getInfomationWithManagedObjectContext(context))
+            setPath(info->path());
+    }
+    utils->setPath(path());
+
+    const InfomationPtr info = utils->getInfomationWithManagedObjectContext(context);
+    if (!info) {
+        FV_LOG(QStringLiteral("No account record: the first synchronisation cannot start"));
+        setState(State::Stalled);
+        return;
+    }
+    const bool firstSyncDone = info->firstSync().value_or(false);
+    if (!firstSyncDone) {
+        // A first synchronisation always starts from an empty catalogue.
+        utils->deleteAllObjectOfEntity(QStringLiteral("Task"));
+        utils->deleteAllObjectOfEntity(QStringLiteral("File"));
+        utils->deleteAllObjectOfEntity(QStringLiteral("Directory"));
+    }
+    addStringToLog(QStringLiteral("Check struct of Ferrovane!"));
+    if (!isAlive()) {
+        utils->setIsDoTask(false);
+        endThread();
+    }
+    startAnimation();
+
+    if (info->cloudFolderKey().isEmpty() && !findCloudFolderKey(context)) {
+        addStringToLog(QStringLiteral("Please check your internet connection!"));
+        utils->setIsDoTask(false);
+        stopAnimation();
+        setState(State::Stalled);
+        return;
+    }
+
+    const std::shared_ptr<RestClient> client = restClient();
+    endThreadIfNotAlive();
+    const std::shared_ptr<GDataXMLDocument> syncList = client->postNonAsyncWithURL(
+        kEndpoint, QStringLiteral("<XML><SYNCLIST SESSION =\"%1\"></SYNCLIST></XML>").arg(session()));
+    if (!syncList) {
+        // Stalled: the worker keeps its loop but no timer until the engine is started again.
+        addStringToLog(QStringLiteral("Please check your internet connection!"));
+        stopAnimation();
+        setState(State::Stalled);
+        return;
+    }
+
+    runOnMainThread([this] { beginListener(); }, false);
+    utils->doTask();
+    endThreadIfNotAlive();
+
+    if (!firstSyncDone) {
+        const QString root = path();
+        if (!QFileInfo(root).isDir() && !QDir().mkpath(root))
+            FV_LOG(QStringLiteral("Error create root folder: %1").arg(QString::fromLocal8Bit(std::strerror(errno))));
+        const auto document = syncList->rootElement();
+        const auto lists = document ? document->elementsForName(QStringLiteral("SYNCLIST"))
+                                    : QList<std::shared_ptr<GDataXMLElement>>();
+        for (const auto &list : lists) {
+            if (!isAlive()) {
+                utils->setIsDoTask(false);
+                endThread();
+            }
+            for (const auto &child : childElements(list)) {
+                runOnListenerAndWait([&] {
+                    const auto listenerContext = listenerManagedObjectContext();
+                    if (child->name() == u"DIR")
+                        getContentInFolder(child, root, listenerContext);
+                    else
+                        addFileWithElement(child, root, listenerContext);
+                });
+                if (!isAlive()) {
+                    utils->setIsDoTask(false);
+                    endThread();
+                }
+                Pace::sleep(500);
+            }
+        }
+        info->setFirstSync(true);
+        FvError error;
+        if (!context->save(&error))
+            FV_LOG(QStringLiteral("%1").arg(error.toString()));
+    }
+
+    rescanSyncFolder();
+    utils->setIsDoTask(false);
+    endThreadIfNotAlive();
+    startAnimation();
+    if (info->lastUpdate().isEmpty())
+        updateLastCheck(context, utils->getServerID());
+    createThreadCheck();
+    stopAnimation();
+    setState(State::Idle);
+}
+
+bool ProcessWindowController::findCloudFolderKey(const std::shared_ptr<ManagedObjectContext> &context)
+{
+    const std::shared_ptr<RestClient> client = restClient();
+    endThreadIfNotAlive();
+    const std::shared_ptr<GDataXMLDocument> reply = client->postNonAsyncWithURL(
+        kEndpoint, QStringLiteral("<XML><LIST SESSION =\"%1\"></LIST></XML>").arg(session()));
+    if (!reply)
+        return false;
+    for (const auto &dir : childElements(firstElement(reply, QStringLiteral("LIST")))) {
+        if (dir->name() != u"DIR")
+            continue;
+        // The synchronised folder is an ordinary folder (no KIND) marked SYNC 1; shared ones are not it.
+        if (!attribute(dir, QStringLiteral("KIND")).isEmpty() ||
+            attribute(dir, QStringLiteral("SYNC")).trimmed().toInt() != 1)
+            continue;
+        if (const InfomationPtr info = db()->getInfomationWithManagedObjectContext(context)) {
+            info->setCloudFolderKey(attribute(dir, QStringLiteral("KEY")));
+            FvError error;
+            if (!context->save(&error))
+                FV_LOG(QStringLiteral("%1").arg(error.toString()));
+        }
+        break;
+    }
+    return true; // without a match the engine goes on without a key; the next start asks again
+}
+
+void ProcessWindowController::rescanSyncFolder()
+{
+    const std::shared_ptr<FolderUtil> scanner = folderUtil();
+    if (scanner)
+        scanner->scanFolder(path(), false);
+}
+
+void ProcessWindowController::folderUtilHasItemAtPath(FolderUtil *util, const QString &path, bool isFolder)
+{
+    if (!isAlive()) {
+        util->setIsEnd(true); // the scan stops before its next entry
+        return;
+    }
+    runOnListenerAndWait([&] {
+        if (isFolder)
+            directoryWasAdded(path);
+        else
+            fileWasAdded(path);
+    });
+}
+
+// --- The walk of the server tree (listener queue) ---
+
+void ProcessWindowController::getContentInFolder(const std::shared_ptr<GDataXMLElement> &element,
+                                                 const QString &parentPath,
+                                                 const std::shared_ptr<ManagedObjectContext> &context)
+{
+    endThreadIfNotAlive();
+    FV_LOG(QStringLiteral("Get content in folder: %1").arg(attribute(element, QStringLiteral("NAME"))));
+    const QString folderPath = addDirWithElement(element, parentPath, context);
+    if (folderPath.isEmpty())
+        return; // skipped: nothing below it is made either
+    const QString key = attribute(element, QStringLiteral("KEY"));
+    while (isAlive()) {
+        startAnimation();
+        const std::shared_ptr<RestClient> client = restClient();
+        const std::shared_ptr<GDataXMLDocument> reply =
+            client ? client->postNonAsyncWithURL(
+                         kEndpoint, QStringLiteral("<XML><LIST SESSION =\"%1\" ><DIRKEY> %2 </DIRKEY></LIST></XML>")
+                                        .arg(session(), key))
+                   : nullptr;
+        if (!reply) {
+            addStringToLog(DatabaseUtils::localizedString(QStringLiteral("check_internet")));
+            Pace::sleep(1000);
+            continue;
+        }
+        for (const auto &child : childElements(firstElement(reply, QStringLiteral("LIST")))) {
+            endThreadIfNotAlive();
+            child->addAttribute(GDataXMLNode::attributeWithName(QStringLiteral("PKEY"), key));
+            if (child->name() == u"DIR")
+                getContentInFolder(child, folderPath, context);
+            else
+                addFileWithElement(child, folderPath, context);
+            Pace::sleep(500);
+        }
+        break;
+    }
+    // Writing the children moved the folder's date; it gets the server's again.
+    const QString time = attribute(element, QStringLiteral("TIME"));
+    CataloguePaths::setModificationDate(folderPath, db()->serverTimeToLocalTime(time));
+}
+
+QString ProcessWindowController::addDirWithElement(const std::shared_ptr<GDataXMLElement> &element,
+                                                   const QString &parentPath,
+                                                   const std::shared_ptr<ManagedObjectContext> &context)
+{
+    endThreadIfNotAlive();
+    const QString name = attribute(element, QStringLiteral("NAME"));
+    const QString time = attribute(element, QStringLiteral("TIME"));
+    const QString size = attribute(element, QStringLiteral("SIZE"));
+    const QString key = attribute(element, QStringLiteral("KEY"));
+    const QString pkey = attribute(element, QStringLiteral("PKEY"));
+    const QString memo = attribute(element, QStringLiteral("MEMO"));
+    const QString priv = attribute(element, QStringLiteral("PRIV"));
+    const std::shared_ptr<DatabaseUtils> utils = db();
+    const QString root = path();
+    // Checked before anything is made: a name from the server must not lead out of the sync folder.
+    if (!CataloguePaths::checkName(name, QStringLiteral("Folder")))
+        return {};
+    const QString local = parentPath + u'/' + name;
+    if (!CataloguePaths::checkInside(local, root, QStringLiteral("Folder")))
+        return {};
+    if (!QDir().mkpath(local)) {
+        FV_LOG(QStringLiteral("Cannot create path: %1").arg(local));
+        return {};
+    }
+    if (CataloguePaths::setModificationDate(local, utils->serverTimeToLocalTime(time)))
+        FV_LOG(QStringLiteral("Set attribute for folder: %1").arg(local));
+
+    if (utils->getDirectoryWithKey(key, context))
+        return local; // known folders stay as they are
+    const DirectoryPtr row = context->insertNewObject<Directory>();
+    row->setName(name);
+    row->setSize(size);
+    row->setMd5(QStringLiteral(""));
+    row->setKey(key);
+    row->setPkey(pkey);
+    row->setPath(local);
+    row->setTime(time);
+    row->setMemo(integerOf(memo));
+    row->setPriv(priv);
+    FvError error;
+    if (!context->save(&error)) {
+        FV_LOG(QStringLiteral("Cannot create path: %1").arg(parentPath));
+        return local;
+    }
+    FV_LOG(QStringLiteral("Add folder \"%1\" at path: \"%2\"").arg(name, local));
+    if (m_appDelegate)
+        m_appDelegate->postNotificationWithTitle(
+            DatabaseUtils::localizedString(QStringLiteral("create_complete")),
+            QStringLiteral("%1: %2").arg(DatabaseUtils::localizedString(QStringLiteral("folder")), name));
+    DatabaseUtils::postLogFromServer(LogObject::createLogObjectWithName(
+        name, DatabaseUtils::localizedString(QStringLiteral("work_add")), -1,
+        CataloguePaths::relativePath(local, root), true, utils->serverTimeToLocalTimeStr(time), QString(), true));
+    return local;
+}
+
+void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLElement> &element,
+                                                 const QString &parentPath,
+                                                 const std::shared_ptr<ManagedObjectContext> &context)
+{
+    endThreadIfNotAlive();
+    const QString name = attribute(element, QStringLiteral("NAME"));
+    QString md5 = attribute(element, QStringLiteral("MD5"));
+    const QString time = attribute(element, QStringLiteral("TIME"));
+    const QString size = attribute(element, QStringLiteral("SIZE"));
+    const QString key = attribute(element, QStringLiteral("KEY"));
+    const QString pkey = attribute(element, QStringLiteral("PKEY"));
+    const QString memo = attribute(element, QStringLiteral("MEMO"));
+    const QString priv = attribute(element, QStringLiteral("PRIV"));
+    const QString sync = attribute(element, QStringLiteral("sync"));
+    const std::shared_ptr<DatabaseUtils> utils = db();
+    const QString root = path();
+    if (!CataloguePaths::checkName(name, QStringLiteral("File")))
+        return;
+    const QString local = parentPath + u'/' + name;
+    if (!CataloguePaths::checkInside(local, root, QStringLiteral("File")))
+        return;
+    FilePtr row = utils->getFileWithKey(key, context);
+
+    const bool download = !CataloguePaths::itemExists(local) ||
+                          utils->checkFileIsModifierWithPath(local, time, md5) != DatabaseUtils::Unchanged;
+    if (download) {
+        const bool ok = downloadInto(local, name, &md5, key, time);
+        DatabaseUtils::postLogFromServer(LogObject::createLogObjectWithName(
+            name, DatabaseUtils::localizedString(QStringLiteral("work_add")), size.toLongLong(),
+            CataloguePaths::relativePath(local, root), false, utils->serverTimeToLocalTimeStr(time), QString(), ok));
+    }
+    if (!row) {
+        row = context->insertNewObject<File>();
+        if (md5.isEmpty())
+            md5 = UploadFile::getMD5OfFileAtPath(local);
+    }
+    row->setName(name);
+    if (!md5.isEmpty())
+        row->setMd5(md5);
+    row->setTime(time);
+    row->setSize(size);
+    row->setKey(key);
+    row->setPkey(pkey);
+    row->setPath(local);
+    row->setMemo(integerOf(memo));
+    row->setPriv(priv);
+    row->setSync(sync.trimmed().toLongLong() != 0);
+    FvError error;
+    if (!context->save(&error))
+        FV_LOG(QStringLiteral("%1").arg(error.toString()));
+}
+
+bool ProcessWindowController::downloadInto(const QString &local, const QString &name, QString *md5,
+                                           const QString &key, const QString &serverTime)
+{
+    const std::shared_ptr<DatabaseUtils> utils = db();
+    if (!CataloguePaths::itemExists(local))
+        return utils->downloadFileTo(local, name, md5, key, serverTime);
+    // A download writes over a file without shortening it: a new copy is made beside the old one and
+    // takes its place only once it is complete, so a shorter or failed copy never leaves a mix.
+    const QString partName =
+        QStringLiteral(".ferrovane-%1").arg(QRandomGenerator::global()->generate64(), 16, 16, QLatin1Char('0'));
+    const QString part = CataloguePaths::deletingLastPathComponent(local) + u'/' + partName;
+    QString digest;
+    if (!utils->downloadFileTo(part, partName, &digest, key, serverTime)) {
+        QFile::remove(part);
+        return false;
+    }
+    if (::rename(QFile::encodeName(part).constData(), QFile::encodeName(local).constData()) != 0) {
+        FV_LOG(QStringLiteral("Cannot replace %1: %2").arg(local, QString::fromLocal8Bit(std::strerror(errno))));
+        QFile::remove(part);
+        return false;
+    }
+    if (md5 && !digest.isEmpty())
+        *md5 = digest;
+    return true;
+}
