@@ -54,9 +54,12 @@ bool waitForLine(QProcess &process, QByteArray &collected, const QRegularExpress
     return false;
 }
 
+// Trees are compared by name in composed form: the client sends names composed, so a file made
+// locally with a decomposed name is the same item as its composed copy on the server.
 QString relativeTo(const QString &root, const QString &path)
 {
-    return path.startsWith(root + u'/') ? path.mid(root.size()) : QString();
+    return path.startsWith(root + u'/') ? path.mid(root.size()).normalized(QString::NormalizationForm_C)
+                                        : QString();
 }
 
 qint64 secondsOf(const QDateTime &date)
@@ -329,7 +332,7 @@ Tree ServerProcess::tree(const QString &user)
         QString path = item.value(QStringLiteral("path")).toString();
         if (!path.startsWith(u'/'))
             path.prepend(u'/');
-        tree.insert(path, entry);
+        tree.insert(path.normalized(QString::NormalizationForm_C), entry);
     }
     return tree;
 }
@@ -418,7 +421,7 @@ bool Computer::startSyncing(const QString &user, const QString &password)
 {
     return startClient({QStringLiteral("--domain"), m_server.domain(), QStringLiteral("--user"), user,
                         QStringLiteral("--password-stdin"), QStringLiteral("--folder"), m_syncFolder,
-                        QStringLiteral("--sync")},
+                        QStringLiteral("--sync"), QStringLiteral("--verbose")},
                        password);
 }
 
