@@ -48,7 +48,8 @@ void DaemonLauncher::whenRunning(std::function<void()> ready, int timeoutMs)
     m_ready = std::move(ready);
     if (!m_watcher) {
         // Watched before asking, so a name that appears between the question and the answer is seen.
-        m_watcher = new QDBusServiceWatcher(serviceName(), bus, QDBusServiceWatcher::WatchForRegistration, this);
+        m_watcher =
+            new QDBusServiceWatcher(serviceName(), bus, QDBusServiceWatcher::WatchForRegistration, this);
         connect(m_watcher, &QDBusServiceWatcher::serviceRegistered, this, &DaemonLauncher::registered);
     }
     if (isRunning()) {
@@ -93,5 +94,6 @@ void DaemonLauncher::timedOut()
     if (!m_ready)
         return;
     m_ready = nullptr;
-    FV_LOG(QStringLiteral("The watcher daemon did not appear on the session bus: local changes are not seen"));
+    FV_LOG(
+        QStringLiteral("The watcher daemon did not appear on the session bus: local changes are not seen"));
 }

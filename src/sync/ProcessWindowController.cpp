@@ -110,7 +110,8 @@ ProcessWindowController::ProcessWindowController(AppServices *appDelegate, QObje
     m_fields->restClient = std::make_shared<RestClient>();
     m_fields->restClient->setDelegate(this);
     if (m_appDelegate)
-        m_fields->restClient->setHost(m_appDelegate->getConfigValueByKey(QStringLiteral("kKeyDomain")).toString());
+        m_fields->restClient->setHost(
+            m_appDelegate->getConfigValueByKey(QStringLiteral("kKeyDomain")).toString());
     m_fields->folderUtil = std::make_shared<FolderUtil>();
     m_fields->folderUtil->setDelegate(this);
 
@@ -346,7 +347,8 @@ void ProcessWindowController::runOnMainThread(std::function<void()> job, bool wa
         return;
     }
     // Bound to the controller: what is still queued when it goes is dropped with it.
-    QMetaObject::invokeMethod(this, std::move(job), wait ? Qt::BlockingQueuedConnection : Qt::QueuedConnection);
+    QMetaObject::invokeMethod(this, std::move(job),
+                              wait ? Qt::BlockingQueuedConnection : Qt::QueuedConnection);
 }
 
 void ProcessWindowController::startAnimation(bool wait)

@@ -16,6 +16,8 @@
 // handlers (fileWasAdded, ...) may be called from any thread and hop to the listener queue.
 // The work flags are set and tested without locks; `isAlive` going false stops every loop at its
 // next test. Ownership: the application services are not owned and must outlive the controller.
+// The destructor serves the main thread's queued calls while it waits for the threads, so destroy
+// the controller outside the handlers of its own signals (deleteLater).
 
 #include "RestLibrary/RestClient.h"
 #include "sync/FileDownload.h"
@@ -28,8 +30,8 @@
 #include <QMutex>
 #include <QObject>
 #include <QPointer>
-#include <QTcpSocket>
 #include <QStringList>
+#include <QTcpSocket>
 #include <QVariant>
 #include <QVariantMap>
 #include <atomic>
@@ -82,7 +84,7 @@ public:
     // Waits (bounded) for the worker thread and the listener queue to end.
     ~ProcessWindowController() override;
 
-    // Stops the engine; no work starts afterwards. Main thread.
+    // Stops the engine; no work starts afterwards. Main thread; a second call does nothing.
     void disconnect();
 
     State state() const;

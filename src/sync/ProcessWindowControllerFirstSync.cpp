@@ -93,7 +93,8 @@ void ProcessWindowController::firstTimeSync()
     if (!firstSyncDone) {
         const QString root = path();
         if (!QFileInfo(root).isDir() && !QDir().mkpath(root))
-            FV_LOG(QStringLiteral("Error create root folder: %1").arg(QString::fromLocal8Bit(std::strerror(errno))));
+            FV_LOG(QStringLiteral("Error create root folder: %1")
+                       .arg(QString::fromLocal8Bit(std::strerror(errno))));
         const auto document = syncList->rootElement();
         const auto lists = document ? document->elementsForName(QStringLiteral("SYNCLIST"))
                                     : QList<std::shared_ptr<GDataXMLElement>>();
@@ -198,8 +199,9 @@ void ProcessWindowController::getContentInFolder(const std::shared_ptr<GDataXMLE
         const std::shared_ptr<RestClient> client = restClient();
         const std::shared_ptr<GDataXMLDocument> reply =
             client ? client->postNonAsyncWithURL(
-                         kEndpoint, QStringLiteral("<XML><LIST SESSION =\"%1\" ><DIRKEY> %2 </DIRKEY></LIST></XML>")
-                                        .arg(session(), key))
+                         kEndpoint,
+                         QStringLiteral("<XML><LIST SESSION =\"%1\" ><DIRKEY> %2 </DIRKEY></LIST></XML>")
+                             .arg(session(), key))
                    : nullptr;
         if (!reply) {
             addStringToLog(DatabaseUtils::localizedString(QStringLiteral("check_internet")));
@@ -271,9 +273,10 @@ QString ProcessWindowController::addDirWithElement(const std::shared_ptr<GDataXM
         m_appDelegate->postNotificationWithTitle(
             DatabaseUtils::localizedString(QStringLiteral("create_complete")),
             QStringLiteral("%1: %2").arg(DatabaseUtils::localizedString(QStringLiteral("folder")), name));
-    DatabaseUtils::postLogFromServer(LogObject::createLogObjectWithName(
-        name, DatabaseUtils::localizedString(QStringLiteral("work_add")), -1,
-        CataloguePaths::relativePath(local, root), true, utils->serverTimeToLocalTimeStr(time), QString(), true));
+    DatabaseUtils::postLogFromServer(
+        LogObject::createLogObjectWithName(name, DatabaseUtils::localizedString(QStringLiteral("work_add")),
+                                           -1, CataloguePaths::relativePath(local, root), true,
+                                           utils->serverTimeToLocalTimeStr(time), QString(), true));
     return local;
 }
 
@@ -306,7 +309,8 @@ void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLE
         const bool ok = downloadInto(local, name, &md5, key, time);
         DatabaseUtils::postLogFromServer(LogObject::createLogObjectWithName(
             name, DatabaseUtils::localizedString(QStringLiteral("work_add")), size.toLongLong(),
-            CataloguePaths::relativePath(local, root), false, utils->serverTimeToLocalTimeStr(time), QString(), ok));
+            CataloguePaths::relativePath(local, root), false, utils->serverTimeToLocalTimeStr(time),
+            QString(), ok));
     }
     if (!row) {
         row = context->insertNewObject<File>();
@@ -337,8 +341,8 @@ bool ProcessWindowController::downloadInto(const QString &local, const QString &
         return utils->downloadFileTo(local, name, md5, key, serverTime);
     // A download writes over a file without shortening it: a new copy is made beside the old one and
     // takes its place only once it is complete, so a shorter or failed copy never leaves a mix.
-    const QString partName =
-        QStringLiteral(".ferrovane-%1").arg(QRandomGenerator::global()->generate64(), 16, 16, QLatin1Char('0'));
+    const QString partName = QStringLiteral(".ferrovane-%1")
+                                 .arg(QRandomGenerator::global()->generate64(), 16, 16, QLatin1Char('0'));
     const QString part = CataloguePaths::deletingLastPathComponent(local) + u'/' + partName;
     QString digest;
     if (!utils->downloadFileTo(part, partName, &digest, key, serverTime)) {
@@ -346,7 +350,8 @@ bool ProcessWindowController::downloadInto(const QString &local, const QString &
         return false;
     }
     if (::rename(QFile::encodeName(part).constData(), QFile::encodeName(local).constData()) != 0) {
-        FV_LOG(QStringLiteral("Cannot replace %1: %2").arg(local, QString::fromLocal8Bit(std::strerror(errno))));
+        FV_LOG(
+            QStringLiteral("Cannot replace %1: %2").arg(local, QString::fromLocal8Bit(std::strerror(errno))));
         QFile::remove(part);
         return false;
     }

@@ -86,7 +86,9 @@ void ProcessWindowController::registerNotification()
         LinkNames::kKeyMyFSListenerPort);
     center->addObserver(
         this,
-        [this](const QString &name, const QString &object) { myFSListenerTest({name, object, {}}); },
+        [this](const QString &name, const QString &object) {
+            myFSListenerTest({name, object, {}});
+        },
         LinkNames::kTestNotification);
 }
 
@@ -94,11 +96,11 @@ void ProcessWindowController::removeNotification()
 {
     DistributedNotificationCenter *center = DistributedNotificationCenter::defaultCenter();
     // The test notification's observer stays.
-    for (const QString &name :
-         {LinkNames::kKeyMyFSListenerCreateDir, LinkNames::kKeyMyFSListenerPort, LinkNames::kKeyMyFSListenerCreateFile,
-          LinkNames::kKeyMyFSListenerRenameDir, LinkNames::kKeyMyFSListenerRenameFile,
-          LinkNames::kKeyMyFSListenerDeleteDir, LinkNames::kKeyMyFSListenerDeleteFile,
-          LinkNames::kKeyMyFSListenerMoveDir, LinkNames::kKeyMyFSListenerMoveFile})
+    for (const QString &name : {LinkNames::kKeyMyFSListenerCreateDir, LinkNames::kKeyMyFSListenerPort,
+                                LinkNames::kKeyMyFSListenerCreateFile, LinkNames::kKeyMyFSListenerRenameDir,
+                                LinkNames::kKeyMyFSListenerRenameFile, LinkNames::kKeyMyFSListenerDeleteDir,
+                                LinkNames::kKeyMyFSListenerDeleteFile, LinkNames::kKeyMyFSListenerMoveDir,
+                                LinkNames::kKeyMyFSListenerMoveFile})
         center->removeObserver(this, name);
 }
 
@@ -107,10 +109,12 @@ void ProcessWindowController::postNotificationOnMainThread(const QStringList &no
     if (notification.isEmpty())
         return;
     if (!isMainThread()) {
-        runOnMainThread([notification] {
-            DistributedNotificationCenter::defaultCenter()->postNotificationName(
-                notification.at(0), notification.size() >= 2 ? notification.at(1) : QString());
-        }, false);
+        runOnMainThread(
+            [notification] {
+                DistributedNotificationCenter::defaultCenter()->postNotificationName(
+                    notification.at(0), notification.size() >= 2 ? notification.at(1) : QString());
+            },
+            false);
         return;
     }
     DistributedNotificationCenter::defaultCenter()->postNotificationName(
@@ -324,7 +328,8 @@ void ProcessWindowController::myFSListenerDeleteDirOnThread(const Notification &
 {
     FV_LOG(describe(notification.userInfo));
     const QVariant payload = payloadOf(notification);
-    if (payload.metaType().id() == QMetaType::QVariantList || payload.metaType().id() == QMetaType::QStringList) {
+    if (payload.metaType().id() == QMetaType::QVariantList ||
+        payload.metaType().id() == QMetaType::QStringList) {
         const QStringList paths = payload.toStringList();
         if (!paths.isEmpty())
             directoryWasRemoved(paths.first());

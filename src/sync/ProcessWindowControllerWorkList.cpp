@@ -43,8 +43,9 @@ void ProcessWindowController::checkSyncList()
     const std::shared_ptr<RestClient> client = restClient();
     endThreadIfNotAlive();
     const QByteArray data = client->postNonAsyncRawWithURL(
-        kEndpoint, QStringLiteral("<XML><WORKLIST SESSION =\"%1\" ID=\"%2\" PCNAME = \"%3\"></WORKLIST></XML>")
-                       .arg(session(), lastCheck, gtm_stringBySanitizingAndEscapingForXML(macName())));
+        kEndpoint,
+        QStringLiteral("<XML><WORKLIST SESSION =\"%1\" ID=\"%2\" PCNAME = \"%3\"></WORKLIST></XML>")
+            .arg(session(), lastCheck, gtm_stringBySanitizingAndEscapingForXML(macName())));
     if (data.isEmpty()) {
         noInternetConnection();
         return;
@@ -114,7 +115,8 @@ void ProcessWindowController::checkRootFolder(const std::shared_ptr<ManagedObjec
     if (root.isEmpty() || QFileInfo(root).isDir())
         return;
     if (!QDir().mkpath(root))
-        FV_LOG(QStringLiteral("Error create root folder: %1").arg(QString::fromLocal8Bit(std::strerror(errno))));
+        FV_LOG(
+            QStringLiteral("Error create root folder: %1").arg(QString::fromLocal8Bit(std::strerror(errno))));
     // The first level is forgotten either way, so that the following passes rebuild it.
     const InfomationPtr info = db()->getInfomationWithManagedObjectContext(context);
     const QString key = info ? info->cloudFolderKey() : QString();
@@ -173,12 +175,9 @@ void ProcessWindowController::addObjectWithXmlElement(const std::shared_ptr<GDat
     if (!CataloguePaths::checkName(name, QStringLiteral("Work item")) ||
         !CataloguePaths::checkInside(local, path(), QStringLiteral("Work item")))
         return;
-    const QStringList record = {name,
-                                attribute(element, QStringLiteral("SIZE")),
-                                attribute(element, QStringLiteral("MD5")),
-                                key,
-                                attribute(element, QStringLiteral("PKEY")),
-                                local};
+    const QStringList record = {
+        name, attribute(element, QStringLiteral("SIZE")), attribute(element, QStringLiteral("MD5")),
+        key,  attribute(element, QStringLiteral("PKEY")), local};
     QMutexLocker lock(&m_fields->lock);
     m_fields->listTask.append(ProcessTask(ProcessTask::Add, record, isFolderElement(element)));
 }
@@ -186,8 +185,8 @@ void ProcessWindowController::addObjectWithXmlElement(const std::shared_ptr<GDat
 void ProcessWindowController::delObjectWithXmlElement(const std::shared_ptr<GDataXMLElement> &element)
 {
     QMutexLocker lock(&m_fields->lock);
-    m_fields->listTask.append(
-        ProcessTask(ProcessTask::Delete, attribute(element, QStringLiteral("KEY")), isFolderElement(element)));
+    m_fields->listTask.append(ProcessTask(ProcessTask::Delete, attribute(element, QStringLiteral("KEY")),
+                                          isFolderElement(element)));
 }
 
 // Renames and moves carry an item record, the form the catalogue's rename and move read: the new
@@ -227,7 +226,8 @@ void ProcessWindowController::nextTask()
     QMutex lock;
     QMutexLocker locker(&lock);
     endThreadIfNotAlive();
-    forever {
+    forever
+    {
         ProcessTask task;
         {
             QMutexLocker fields(&m_fields->lock);
@@ -287,8 +287,8 @@ void ProcessWindowController::applyTask(const ProcessTask &task,
         if (utils->getFileWithPath(local, context))
             DatabaseUtils::postLogFromServer(LogObject::createLogObjectWithName(
                 name, DatabaseUtils::localizedString(QStringLiteral("work_add")),
-                record.at(DatabaseUtils::ItemSize).toLongLong(), CataloguePaths::relativePath(local, root), false,
-                utils->serverTimeToLocalTimeStr(time), QString(), true));
+                record.at(DatabaseUtils::ItemSize).toLongLong(), CataloguePaths::relativePath(local, root),
+                false, utils->serverTimeToLocalTimeStr(time), QString(), true));
         return;
     }
     case ProcessTask::Delete:
@@ -316,8 +316,8 @@ void ProcessWindowController::applyTask(const ProcessTask &task,
 
 // --- The asynchronous command path ---
 
-void ProcessWindowController::restClientDidFinishRequestwithData(RestClient *,
-                                                                 const std::shared_ptr<GDataXMLDocument> &document)
+void ProcessWindowController::restClientDidFinishRequestwithData(
+    RestClient *, const std::shared_ptr<GDataXMLDocument> &document)
 {
     // Arrives on the main thread; the items are applied on the worker like a pass's.
     postToWorker([this, document] {

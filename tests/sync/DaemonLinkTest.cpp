@@ -4,7 +4,6 @@
 // classified, renames and moves in and out of the folder, ".DS_Store", the deletion of the sync
 // folder itself, the keep-alive and the restart of the listener.
 #include "EngineTestSupport.h"
-
 #include "link/DaemonLauncher.h"
 #include "link/DistributedNotificationCenter.h"
 #include "link/KeyedArchive.h"
@@ -44,7 +43,10 @@ public:
         center.addObserver(
             &m_context, [this](const QString &, const QString &) { ++stops; }, LinkNames::kDemonStopListener);
     }
-    ~FakeDaemon() { QDBusConnection::sessionBus().interface()->unregisterService(DaemonLauncher::serviceName()); }
+    ~FakeDaemon()
+    {
+        QDBusConnection::sessionBus().interface()->unregisterService(DaemonLauncher::serviceName());
+    }
 
     void listen()
     {
@@ -109,7 +111,8 @@ protected:
     // The handlers the listener queue ran, with their payloads, in order.
     QStringList handled()
     {
-        static const QRegularExpression handler(QStringLiteral("(myFSListener\\w+OnThread)[^\\]]*\\[LINE: \\d+\\](.*)"));
+        static const QRegularExpression handler(
+            QStringLiteral("(myFSListener\\w+OnThread)[^\\]]*\\[LINE: \\d+\\](.*)"));
         QStringList found;
         for (const QString &line : log.diagnostics(QStringLiteral("OnThread"))) {
             const QRegularExpressionMatch match = handler.match(line);
@@ -132,9 +135,8 @@ protected:
         daemon.send(FakeDaemon::frame(name, payload) +
                         FakeDaemon::frame(LinkNames::kKeyMyFSListenerDeleteFile, root + u'/' + kMarker),
                     1 << 20);
-        ASSERT_TRUE(TestUtil::waitFor([&] {
-            return log.diagnostics(handled).size() > markers && engine->isQuiet();
-        }));
+        ASSERT_TRUE(TestUtil::waitFor(
+            [&] { return log.diagnostics(handled).size() > markers && engine->isQuiet(); }));
     }
     const QString kMarker = QStringLiteral("marker-never-there");
     FakeDaemon daemon;
@@ -155,13 +157,15 @@ TEST_F(DaemonLinkTest, FramesCutAtEveryByteGiveTheSameEventsAsWholeFrames)
                                 QStringList{nowhere + QStringLiteral("x"), nowhere + QStringLiteral("y")});
     stream += FakeDaemon::frame(LinkNames::kKeyMyFSListenerDeleteFile, nowhere + QStringLiteral("two.txt"));
     stream += "00000"; // an empty body is skipped
-    stream += FakeDaemon::frame(LinkNames::kKeyMyFSListenerRenameFile,
-                                QStringList{nowhere + QStringLiteral("a.txt"), nowhere + QStringLiteral("b.txt")});
+    stream +=
+        FakeDaemon::frame(LinkNames::kKeyMyFSListenerRenameFile,
+                          QStringList{nowhere + QStringLiteral("a.txt"), nowhere + QStringLiteral("b.txt")});
     stream += "00004junk"; // not an archive: dropped
     stream += FakeDaemon::frame(LinkNames::kKeyMyFSListenerUpdateFile, nowhere + QStringLiteral("three.txt"));
     stream += FakeDaemon::frame(QStringLiteral("kKeySomethingElse"), nowhere);
     stream += FakeDaemon::frame(LinkNames::kKeyMyFSListenerCreateDir, nowhere + QStringLiteral("dir"));
-    stream += FakeDaemon::frame(LinkNames::kKeyMyFSListenerDeleteDir, QStringList{nowhere + QStringLiteral("gone")});
+    stream += FakeDaemon::frame(LinkNames::kKeyMyFSListenerDeleteDir,
+                                QStringList{nowhere + QStringLiteral("gone")});
     stream += FakeDaemon::frame(LinkNames::kKeyMyFSListenerCreateFile, longName); // more than 1024 bytes
     ASSERT_GT(FakeDaemon::frame(LinkNames::kKeyMyFSListenerCreateFile, longName).size(), 2 * 1024);
 
@@ -188,9 +192,12 @@ TEST_F(DaemonLinkTest, FramesCutAtEveryByteGiveTheSameEventsAsWholeFrames)
 
 TEST_F(DaemonLinkTest, RenamesMovesAndRemovalsAreToldApart)
 {
-    ASSERT_FALSE(srv().putFile(user(), QStringLiteral("A/x.txt"), "x", QStringLiteral("20200101000000")).isEmpty());
-    ASSERT_FALSE(srv().putFile(user(), QStringLiteral("A/y.txt"), "y", QStringLiteral("20200101000000")).isEmpty());
-    ASSERT_FALSE(srv().putFile(user(), QStringLiteral("C/z.txt"), "z", QStringLiteral("20200101000000")).isEmpty());
+    ASSERT_FALSE(
+        srv().putFile(user(), QStringLiteral("A/x.txt"), "x", QStringLiteral("20200101000000")).isEmpty());
+    ASSERT_FALSE(
+        srv().putFile(user(), QStringLiteral("A/y.txt"), "y", QStringLiteral("20200101000000")).isEmpty());
+    ASSERT_FALSE(
+        srv().putFile(user(), QStringLiteral("C/z.txt"), "z", QStringLiteral("20200101000000")).isEmpty());
     ASSERT_FALSE(srv().makeFolder(user(), QStringLiteral("B")).isEmpty());
     start();
     ASSERT_TRUE(daemon.waitConnected());
@@ -210,17 +217,20 @@ TEST_F(DaemonLinkTest, RenamesMovesAndRemovalsAreToldApart)
     };
     srv().clearRequestLog();
     rename(at(QStringLiteral("A/x.txt")), at(QStringLiteral("A/x2.txt")));
-    event(LinkNames::kKeyMyFSListenerRenameFile, QStringList{at(QStringLiteral("A/x.txt")), at(QStringLiteral("A/x2.txt"))});
+    event(LinkNames::kKeyMyFSListenerRenameFile,
+          QStringList{at(QStringLiteral("A/x.txt")), at(QStringLiteral("A/x2.txt"))});
     expectCommand("RENAME");
     rename(at(QStringLiteral("A/y.txt")), at(QStringLiteral("B/y.txt")));
-    event(LinkNames::kKeyMyFSListenerRenameFile, QStringList{at(QStringLiteral("A/y.txt")), at(QStringLiteral("B/y.txt"))});
+    event(LinkNames::kKeyMyFSListenerRenameFile,
+          QStringList{at(QStringLiteral("A/y.txt")), at(QStringLiteral("B/y.txt"))});
     expectCommand("MOVE");
     rename(at(QStringLiteral("B/y.txt")), outside.filePath(QStringLiteral("y.txt")));
     event(LinkNames::kKeyMyFSListenerRenameFile,
           QStringList{at(QStringLiteral("B/y.txt")), outside.filePath(QStringLiteral("y.txt"))});
     expectCommand("DEL");
     rename(at(QStringLiteral("C")), at(QStringLiteral("C2")));
-    event(LinkNames::kKeyMyFSListenerRenameDir, QStringList{at(QStringLiteral("C")), at(QStringLiteral("C2"))});
+    event(LinkNames::kKeyMyFSListenerRenameDir,
+          QStringList{at(QStringLiteral("C")), at(QStringLiteral("C2"))});
     expectCommand("RENAME");
 
     // ".DS_Store" is never sent, but its removal is a task like any other (with nothing to delete).
@@ -229,7 +239,8 @@ TEST_F(DaemonLinkTest, RenamesMovesAndRemovalsAreToldApart)
     event(LinkNames::kKeyMyFSListenerUpdateFile, at(QStringLiteral(".DS_Store")));
     ASSERT_TRUE(QFile::remove(at(QStringLiteral(".DS_Store"))));
     event(LinkNames::kKeyMyFSListenerDeleteFile, at(QStringLiteral(".DS_Store")));
-    EXPECT_EQ(log.diagnostics(QStringLiteral("File was remove: ") + at(QStringLiteral(".DS_Store"))).size(), 1);
+    EXPECT_EQ(log.diagnostics(QStringLiteral("File was remove: ") + at(QStringLiteral(".DS_Store"))).size(),
+              1);
     // A move message straight from the daemon is not one of the names it may send: ignored.
     ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("moved-in.txt")), "m"));
     event(LinkNames::kKeyMyFSListenerMoveFile,
@@ -260,7 +271,8 @@ TEST_F(DaemonLinkTest, ARunningDaemonIsUsedAndTheListenerRestartsWhenTheStreamEn
     ASSERT_TRUE(daemon.waitConnected(2));
     EXPECT_EQ(daemon.stops, 1);
     EXPECT_EQ(daemon.starts.join(u'|'), root + u'|' + root);
-    EXPECT_TRUE(TestUtil::waitFor([&] { return log.count(QStringLiteral("Connect to socket server complete")) == 2; }));
+    EXPECT_TRUE(TestUtil::waitFor(
+        [&] { return log.count(QStringLiteral("Connect to socket server complete")) == 2; }));
 
     stop();
     EXPECT_TRUE(TestUtil::waitFor([&] { return daemon.stops == 2; }));

@@ -3,7 +3,6 @@
 // time, and a disconnect in the middle of a pass. States are compared whole: the server's tree with
 // its MD5s, the sync folder and the catalogue.
 #include "EngineTestSupport.h"
-
 #include "catalogue/DatabaseUtils.h"
 
 #include <QDir>
@@ -53,7 +52,8 @@ protected:
 TEST_F(EngineTest, FirstSyncMirrorsTheServerTreeAndSendsNothingBack)
 {
     put(QStringLiteral("Docs/report.txt"), "first report", QStringLiteral("20200102030405"));
-    put(kOdd + u'/' + kOdd + QStringLiteral(".txt"), QByteArray(3000, '\x01'), QStringLiteral("20210304050607"));
+    put(kOdd + u'/' + kOdd + QStringLiteral(".txt"), QByteArray(3000, '\x01'),
+        QStringLiteral("20210304050607"));
     put(QStringLiteral("Docs/deep/er/leaf.bin"), QByteArray(70000, 'z'), QStringLiteral("20190101000001"));
     put(QStringLiteral("empty.txt"), QByteArray(), QStringLiteral("20220202020202"));
     ASSERT_FALSE(srv().makeFolder(user(), QStringLiteral("Empty folder")).isEmpty());
@@ -71,7 +71,8 @@ TEST_F(EngineTest, FirstSyncMirrorsTheServerTreeAndSendsNothingBack)
             << qPrintable(entry.path);
 
     // Nothing goes back, not even after the watcher daemon has reported what the sync wrote.
-    ASSERT_TRUE(TestUtil::waitFor([&] { return log.count(QStringLiteral("Connect to socket server complete")); }));
+    ASSERT_TRUE(
+        TestUtil::waitFor([&] { return log.count(QStringLiteral("Connect to socket server complete")); }));
     markPasses();
     ASSERT_TRUE(waitForPasses(2));
     ASSERT_TRUE(waitQuiet());
@@ -83,7 +84,8 @@ TEST_F(EngineTest, FirstSyncMirrorsTheServerTreeAndSendsNothingBack)
     EXPECT_EQ(info->cloudFolderKey(), harness->rootKey); // found in the top-level listing
     EXPECT_EQ(info->lastUpdate().size(), 14);
     EXPECT_EQ(log.count(QStringLiteral("Check struct of Ferrovane!")), 1);
-    EXPECT_GE(log.count(QStringLiteral("Read sync list complete")), 3) << qPrintable(log.activity().join(u'\n'));
+    EXPECT_GE(log.count(QStringLiteral("Read sync list complete")), 3)
+        << qPrintable(log.activity().join(u'\n'));
     EXPECT_EQ(engine->state(), State::Idle);
     EXPECT_EQ(states.first(), State::Syncing);
 
@@ -101,37 +103,44 @@ TEST_F(EngineTest, FirstSyncMirrorsTheServerTreeAndSendsNothingBack)
 
 TEST_F(EngineTest, ServerNamesThatWouldLeaveTheSyncFolderChangeNothing)
 {
-    const QString okKey = srv().putFile(user(), QStringLiteral("ok.txt"), "fine", QStringLiteral("20200101000000"));
-    const QString entry = QStringLiteral(
-        "<%1 NAME=\"%2\" TIME=\"20200101000000\" SIZE=\"4\" MD5=\"\" KEY=\"%3\" PKEY=\"%4\" MEMO=\"0\" PRIV=\"rwd\"/>");
+    const QString okKey =
+        srv().putFile(user(), QStringLiteral("ok.txt"), "fine", QStringLiteral("20200101000000"));
+    const QString entry = QStringLiteral("<%1 NAME=\"%2\" TIME=\"20200101000000\" SIZE=\"4\" MD5=\"\" "
+                                         "KEY=\"%3\" PKEY=\"%4\" MEMO=\"0\" PRIV=\"rwd\"/>");
     QString items;
-    for (const QString &name : {QStringLiteral(".."), QStringLiteral("a/b"), QStringLiteral("/etc"), QStringLiteral(".")})
+    for (const QString &name :
+         {QStringLiteral(".."), QStringLiteral("a/b"), QStringLiteral("/etc"), QStringLiteral(".")})
         items += entry.arg(QStringLiteral("DIR"), name, QStringLiteral("9000"), harness->rootKey);
-    for (const QString &name : {QStringLiteral("../escape.txt"), QStringLiteral(".."), QStringLiteral("x/../../y")})
+    for (const QString &name :
+         {QStringLiteral("../escape.txt"), QStringLiteral(".."), QStringLiteral("x/../../y")})
         items += entry.arg(QStringLiteral("FILE"), name, okKey, harness->rootKey);
     items += entry.arg(QStringLiteral("FILE"), QStringLiteral("ok.txt"), okKey, harness->rootKey);
     srv().replyWithBody(QStringLiteral("SYNCLIST"),
-                        QStringLiteral("<XML><SYNCLIST KEY=\"%1\">%2</SYNCLIST></XML>").arg(harness->rootKey, items).toUtf8());
+                        QStringLiteral("<XML><SYNCLIST KEY=\"%1\">%2</SYNCLIST></XML>")
+                            .arg(harness->rootKey, items)
+                            .toUtf8());
     // The work list names places outside the folder too, by path and by name.
     srv().replyWithBody(
         QStringLiteral("WORKLIST"),
-        QStringLiteral("<XML><WORKLIST ID=\"20200101000010\">"
-                       "<ADD ID=\"20200101000001\" KEY=\"%1\" FOLDER=\"0\" NAME=\"ok.txt\" SIZE=\"4\" MD5=\"\" "
-                       "PKEY=\"%2\" TIME=\"20300101000000\">syncfolder/../ok.txt</ADD>"
-                       "<ADD ID=\"20200101000002\" KEY=\"%1\" FOLDER=\"0\" NAME=\"..\" SIZE=\"4\" MD5=\"\" "
-                       "PKEY=\"%2\" TIME=\"20300101000000\">syncfolder/..</ADD>"
-                       "<ADD ID=\"20200101000003\" KEY=\"9001\" FOLDER=\"1\" NAME=\"up\" SIZE=\"-1\" MD5=\"\" "
-                       "PKEY=\"%2\" TIME=\"20300101000000\">/../../up</ADD>"
-                       "<RENAME ID=\"20200101000004\" KEY=\"%1\" FOLDER=\"0\" NAME=\"../../renamed.txt\">x</RENAME>"
-                       "<MOVE ID=\"20200101000005\" KEY=\"%1\" FOLDER=\"0\" NAME=\"..\" DEST_PARENT_KEY=\"%2\">x</MOVE>"
-                       "</WORKLIST></XML>")
+        QStringLiteral(
+            "<XML><WORKLIST ID=\"20200101000010\">"
+            "<ADD ID=\"20200101000001\" KEY=\"%1\" FOLDER=\"0\" NAME=\"ok.txt\" SIZE=\"4\" MD5=\"\" "
+            "PKEY=\"%2\" TIME=\"20300101000000\">syncfolder/../ok.txt</ADD>"
+            "<ADD ID=\"20200101000002\" KEY=\"%1\" FOLDER=\"0\" NAME=\"..\" SIZE=\"4\" MD5=\"\" "
+            "PKEY=\"%2\" TIME=\"20300101000000\">syncfolder/..</ADD>"
+            "<ADD ID=\"20200101000003\" KEY=\"9001\" FOLDER=\"1\" NAME=\"up\" SIZE=\"-1\" MD5=\"\" "
+            "PKEY=\"%2\" TIME=\"20300101000000\">/../../up</ADD>"
+            "<RENAME ID=\"20200101000004\" KEY=\"%1\" FOLDER=\"0\" NAME=\"../../renamed.txt\">x</RENAME>"
+            "<MOVE ID=\"20200101000005\" KEY=\"%1\" FOLDER=\"0\" NAME=\"..\" DEST_PARENT_KEY=\"%2\">x</MOVE>"
+            "</WORKLIST></XML>")
             .arg(okKey, harness->rootKey)
             .toUtf8());
     start();
     ASSERT_TRUE(waitForPasses(1));
     ASSERT_TRUE(waitQuiet());
-    EXPECT_EQ(QDir(syncDir.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden).join(u'|'),
-              QStringLiteral("CloudFolder"));
+    EXPECT_EQ(
+        QDir(syncDir.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden).join(u'|'),
+        QStringLiteral("CloudFolder"));
     EXPECT_EQ(QDir(root).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden).join(u'|'),
               QStringLiteral("ok.txt"));
     EXPECT_EQ(TestUtil::readFile(at(QStringLiteral("ok.txt"))), "fine");
@@ -283,7 +292,8 @@ TEST_F(EngineTest, DisconnectInThePassLeavesAConsistentStoreAndStartsNoNewTick)
     const Tree known = catalogue();
     for (auto it = known.cbegin(); it != known.cend(); ++it)
         EXPECT_EQ(here.value(it.key()), *it) << qPrintable(it.key());
-    const qsizetype filesThen = std::count_if(here.cbegin(), here.cend(), [](const TreeItem &i) { return !i.folder; });
+    const qsizetype filesThen =
+        std::count_if(here.cbegin(), here.cend(), [](const TreeItem &i) { return !i.folder; });
     ASSERT_LT(filesThen, kFiles);
 
     // The next engine goes on after the last change applied: what was fetched is not fetched again.

@@ -116,8 +116,8 @@ void EngineFixture::SetUp()
 {
     ASSERT_TRUE(storeDir.isValid() && syncDir.isValid());
     FvError error;
-    coordinator =
-        PersistentStoreCoordinator::create(storeDir.filePath(QStringLiteral("Tarnwick_bob.storedata")), &error);
+    coordinator = PersistentStoreCoordinator::create(
+        storeDir.filePath(QStringLiteral("Tarnwick_bob.storedata")), &error);
     ASSERT_TRUE(coordinator) << qPrintable(error.toString());
     services = std::make_unique<EngineServices>(coordinator);
     AppServices::setShared(services.get());
@@ -150,7 +150,8 @@ void EngineFixture::TearDown()
 void EngineFixture::start()
 {
     engine = std::make_unique<ProcessWindowController>(services.get());
-    QObject::connect(engine.get(), &ProcessWindowController::passCompleted, engine.get(), [this] { ++passes; });
+    QObject::connect(engine.get(), &ProcessWindowController::passCompleted, engine.get(),
+                     [this] { ++passes; });
     QObject::connect(engine.get(), &ProcessWindowController::stateChanged, engine.get(),
                      [this](ProcessWindowController::State state) { states.append(state); });
 }

@@ -5,6 +5,7 @@
 // (server tree with MD5s == sync folder == catalogue).
 
 #include "CatalogueTestSupport.h"
+#include "common/FileTestSupport.h"
 #include "sync/ProcessWindowController.h"
 #include "util/AppServices.h"
 
@@ -110,17 +111,3 @@ protected:
 private:
     int m_passMark = 0;
 };
-
-QT_BEGIN_NAMESPACE
-inline void PrintTo(const QString &text, std::ostream *out)
-{
-    *out << '"' << text.toStdString() << '"';
-}
-inline void PrintTo(const QStringList &list, std::ostream *out)
-{
-    *out << "{";
-    for (const QString &text : list)
-        *out << "\n  \"" << text.toStdString() << "\"";
-    *out << "\n}";
-}
-QT_END_NAMESPACE

@@ -1,14 +1,16 @@
 // Local changes through the real watcher daemon, which the engine starts itself: every kind of
 // change reaches the server, and a daemon that already runs is used instead of a second one.
 #include "EngineTestSupport.h"
-
 #include "link/DaemonLauncher.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusReply>
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
 #include <cstdio>
 
 namespace {
@@ -22,8 +24,16 @@ protected:
     }
     void rename(const QString &from, const QString &to)
     {
-        ASSERT_EQ(std::rename(QFile::encodeName(at(from)).constData(), QFile::encodeName(at(to)).constData()), 0)
+        ASSERT_EQ(std::rename(QFile::encodeName(at(from)).constData(), QFile::encodeName(at(to)).constData()),
+                  0)
             << qPrintable(from);
+    }
+    // Change detection compares dates to the second: a file written again in the second of its
+    // last upload would look unchanged. Waits for the next second.
+    void nextSecondAfter(const QString &relative)
+    {
+        const qint64 last = QFileInfo(at(relative)).lastModified().toSecsSinceEpoch();
+        ASSERT_TRUE(TestUtil::waitFor([&] { return QDateTime::currentSecsSinceEpoch() > last; }, 3000));
     }
     uint daemonPid()
     {
@@ -33,8 +43,8 @@ protected:
     }
     bool connected()
     {
-        return TestUtil::waitFor([&] { return log.count(QStringLiteral("Connect to socket server complete")) > 0; },
-                                 30000);
+        return TestUtil::waitFor(
+            [&] { return log.count(QStringLiteral("Connect to socket server complete")) > 0; }, 30000);
     }
 };
 
@@ -42,8 +52,12 @@ protected:
 
 TEST_F(LocalChangeTest, EveryLocalChangeReachesTheServerThroughTheDaemon)
 {
-    ASSERT_FALSE(srv().putFile(user(), QStringLiteral("Docs/a.txt"), "alpha", QStringLiteral("20200101000000")).isEmpty());
-    ASSERT_FALSE(srv().putFile(user(), QStringLiteral("Docs/b.txt"), "beta", QStringLiteral("20200101000000")).isEmpty());
+    ASSERT_FALSE(srv()
+                     .putFile(user(), QStringLiteral("Docs/a.txt"), "alpha", QStringLiteral("20200101000000"))
+                     .isEmpty());
+    ASSERT_FALSE(srv()
+                     .putFile(user(), QStringLiteral("Docs/b.txt"), "beta", QStringLiteral("20200101000000"))
+                     .isEmpty());
     ASSERT_FALSE(srv().makeFolder(user(), QStringLiteral("Other")).isEmpty());
     start();
     ASSERT_TRUE(connected());
@@ -59,6 +73,7 @@ TEST_F(LocalChangeTest, EveryLocalChangeReachesTheServerThroughTheDaemon)
     step("new file");
     write(QStringLiteral("Made/inside.txt"), "in a new folder");
     step("new folder with a file");
+    nextSecondAfter(QStringLiteral("Docs/a.txt"));
     write(QStringLiteral("Docs/a.txt"), "alpha, edited and longer");
     step("edit");
     rename(QStringLiteral("Docs/b.txt"), QStringLiteral("Docs/b2.txt"));
@@ -69,9 +84,29 @@ TEST_F(LocalChangeTest, EveryLocalChangeReachesTheServerThroughTheDaemon)
     step("folder move");
     ASSERT_TRUE(QFile::remove(at(QStringLiteral("new.txt"))));
     step("delete");
+    // An editor's save: a new copy written beside the file, then renamed over it.
+    nextSecondAfter(QStringLiteral("Docs/a.txt"));
+    write(QStringLiteral("Docs/.a.txt.swp"), "alpha, saved by an editor");
+    rename(QStringLiteral("Docs/.a.txt.swp"), QStringLiteral("Docs/a.txt"));
+    step("atomic save");
+    // A tree moved in from outside, its files dated long ago; then moved out again.
+    QTemporaryDir outside(syncDir.filePath(QStringLiteral("outside-XXXXXX")));
+    ASSERT_TRUE(TestUtil::writeFile(outside.filePath(QStringLiteral("tree/sub/deep.txt")), "deep"));
+    ASSERT_TRUE(TestUtil::writeFile(outside.filePath(QStringLiteral("tree/top.txt")), "top"));
+    for (const char *old : {"tree/sub/deep.txt", "tree/top.txt", "tree/sub", "tree"})
+        ASSERT_TRUE(
+            setMTime(outside.filePath(QLatin1String(old)), QDateTime(QDate(2001, 2, 3), QTime(4, 5, 6))));
+    ASSERT_EQ(std::rename(QFile::encodeName(outside.filePath(QStringLiteral("tree"))).constData(),
+                          QFile::encodeName(at(QStringLiteral("tree"))).constData()),
+              0);
+    step("tree moved in");
+    ASSERT_EQ(std::rename(QFile::encodeName(at(QStringLiteral("tree"))).constData(),
+                          QFile::encodeName(outside.filePath(QStringLiteral("back"))).constData()),
+              0);
+    step("tree moved out");
     ASSERT_TRUE(QDir(at(QStringLiteral("Other"))).removeRecursively());
     step("folder delete");
-    EXPECT_EQ(srv().fileContents(user(), QStringLiteral("Docs/a.txt")), "alpha, edited and longer");
+    EXPECT_EQ(srv().fileContents(user(), QStringLiteral("Docs/a.txt")), "alpha, saved by an editor");
 
     // A daemon holds the name: a new engine uses it and starts none.
     stop();

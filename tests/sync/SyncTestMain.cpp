@@ -1,13 +1,14 @@
 // The sync tests' main: a session bus of this process's own, started before anything connects to a
 // bus. The watcher daemons the engine starts, and the names the tests hold, are nobody else's, and
 // they end with the bus when the tests are done.
+#include "util/Log.h"
+
 #include <QCoreApplication>
 #include <QProcess>
 #include <QStandardPaths>
-
-#include "util/Log.h"
-
+#include <csignal>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 
 int main(int argc, char **argv)
 {
@@ -17,7 +18,10 @@ int main(int argc, char **argv)
     QProcess bus;
     const QString program = QStandardPaths::findExecutable(QStringLiteral("dbus-daemon"));
     if (!program.isEmpty()) {
-        bus.start(program, {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address=1")});
+        // Ends with this process even when a test crashes it.
+        bus.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
+        bus.start(program, {QStringLiteral("--session"), QStringLiteral("--nofork"),
+                            QStringLiteral("--print-address=1")});
         if (bus.waitForStarted(5000) && bus.waitForReadyRead(10000)) {
             const QByteArray address = bus.readLine().trimmed();
             if (!address.isEmpty())
