@@ -74,6 +74,11 @@ void ProcessWindowController::firstTimeSync()
         return;
     }
 
+    // The server's clock before the tree is read: the first work list then starts from there and
+    // replays what changed during the walk (the catalogue checks drop what the walk already has).
+    // Asked after the walk, a change made during it would fall before the last check and be lost.
+    const QString beforeWalk =
+        info->lastUpdate().isEmpty() || !firstSyncDone ? utils->getServerID() : QString();
     const std::shared_ptr<RestClient> client = restClient();
     endThreadIfNotAlive();
     const std::shared_ptr<GDataXMLDocument> syncList = client->postNonAsyncWithURL(
@@ -128,6 +133,9 @@ void ProcessWindowController::firstTimeSync()
     utils->setIsDoTask(false);
     endThreadIfNotAlive();
     startAnimation();
+    // A full walk has read the tree as of `beforeWalk`: nothing older needs replaying.
+    if (!firstSyncDone || info->lastUpdate().isEmpty())
+        updateLastCheck(context, beforeWalk);
     if (info->lastUpdate().isEmpty())
         updateLastCheck(context, utils->getServerID());
     createThreadCheck();
