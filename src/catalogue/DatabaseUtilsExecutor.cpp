@@ -243,7 +243,8 @@ int DatabaseUtils::runOneTask(const TaskPtr &task, const ContextPtr &context, bo
         result = uploadFile(task, context);
         if (result == kErrorReadXml)
             return result;
-        context->deleteObject(task);
+        if (result != -6) // an edit whose upload broke off stays, like a new file's: else it is lost
+            context->deleteObject(task);
         break;
     case 6:
         context->deleteObject(task);
@@ -362,8 +363,9 @@ int DatabaseUtils::uploadFile(const TaskPtr &task, const ContextPtr &context)
     }
     postLogFromSync(LogObject::createLogObjectWithName(name, localizedString(QStringLiteral("work_add")),
                                                        size, relative, false, now, QString(), false));
-    // Cut off from outside: the task stays and is tried again.
-    return status == u"cancel" ? -6 : -1;
+    // Cut off or failed: the task stays and is tried again. A connection that broke before the
+    // verdict reads as "fail" too, and dropping the task would lose the change.
+    return -6;
 }
 
 // --- RENAME, DEL, MOVE ---

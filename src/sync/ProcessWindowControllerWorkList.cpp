@@ -66,6 +66,14 @@ void ProcessWindowController::checkSyncList()
     }
     setUnreadableReplies(0);
     const QString lastId = readWorkList(document);
+    // Tasks kept for later (no reply, an upload cut off) go again each pass, not only when a new
+    // local change asks for a run: else the last of them waits for the next change or start.
+    FvError countError;
+    if (context->countForFetchRequest(FetchRequest::fetchRequestWithEntityName(Task::entityName()),
+                                      &countError) > 0) {
+        utils->doTask();
+        endThreadIfNotAlive();
+    }
 
     addStringToLog(QStringLiteral("All task complete"));
     m_isSyncing = false;

@@ -268,17 +268,31 @@ TEST_F(TaskExecutorTest, MoveIntoAFolderNotYetOnTheServerWaitsForIt)
     EXPECT_EQ(db->getFileWithPath(at(QStringLiteral("x.txt")), context)->pkey(), harness->rootKey);
 }
 
-TEST_F(TaskExecutorTest, RefusedUploadIsDroppedAndCancelledOneKept)
+TEST_F(TaskExecutorTest, UploadsThatFailOrAreCancelledStayUntilStored)
 {
+    // Refused, cut off before the verdict, or lost without an answer: new file and edit alike stay.
     ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("r.txt")), "romeo"));
+    ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("e.txt")), "echo"));
     server().refuseUploads(1);
+    Fault cut;
+    cut.kind = Fault::Kind::CutReply;
+    cut.command = QStringLiteral("UPLOAD");
+    server().addFault(cut);
     queue(1, QStringLiteral("r.txt"), false);
+    queue(5, QStringLiteral("e.txt"), false);
     runTasks();
-    EXPECT_TRUE(pendingTypes().isEmpty());
-    EXPECT_FALSE(serverTree(server(), ServerHarness::user()).contains(QStringLiteral("r.txt")));
+    EXPECT_EQ(pendingTypes(), (QList<int>{1, 5}));
+    EXPECT_TRUE(serverTree(server(), ServerHarness::user()).isEmpty());
     ASSERT_TRUE(db->getFileWithPath(at(QStringLiteral("r.txt")), context));
     EXPECT_EQ(db->getFileWithPath(at(QStringLiteral("r.txt")), context)->uploadDone(), false);
     EXPECT_TRUE(works().contains(QStringLiteral("work_add /r.txt N")));
+    EXPECT_TRUE(works().contains(QStringLiteral("work_add /e.txt N")));
+    server().dropReplies(QStringLiteral("UPLOAD"), 1); // strikes the oldest, r.txt
+    runTasks();
+    EXPECT_EQ(pendingTypes(), QList<int>{1});
+    runTasks();
+    EXPECT_TRUE(pendingTypes().isEmpty());
+    expectSameEverywhere();
 
     ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("c.txt")), "charlie"));
     server().delayReplies(QStringLiteral("UPLOAD"), 30000);
@@ -297,7 +311,7 @@ TEST_F(TaskExecutorTest, RefusedUploadIsDroppedAndCancelledOneKept)
     server().clearFaults();
     runTasks();
     EXPECT_TRUE(pendingTypes().isEmpty());
-    expectSameEverywhere({}, {QStringLiteral("r.txt")});
+    expectSameEverywhere();
 }
 
 TEST_F(TaskExecutorTest, LostRepliesKeepTheTaskOrResendThePut)

@@ -20,7 +20,6 @@
 #include <QTimeZone>
 #include <QTimer>
 #include <QUrlQuery>
-
 #include <csignal>
 #include <sqlite3.h>
 #include <sys/types.h>
@@ -116,7 +115,8 @@ QString difference(const Tree &expected, const Tree &actual, const Compare &how)
         if (same && compareDate && a.mtime && b.mtime)
             same = a.mtime == b.mtime;
         if (!same)
-            lines << QStringLiteral("differs %1: expected %2, got %3").arg(it.key(), describe(a), describe(b));
+            lines
+                << QStringLiteral("differs %1: expected %2, got %3").arg(it.key(), describe(a), describe(b));
     }
     for (auto it = actual.cbegin(); it != actual.cend(); ++it) {
         if (!expected.contains(it.key()))
@@ -143,8 +143,8 @@ bool ServerProcess::start(QString *error)
     m_process->start(programPath(QStringLiteral("ferrovane-server")),
                      {QStringLiteral("--port"), QString::number(m_port), QStringLiteral("--admin-port"),
                       QString::number(m_adminPort), QStringLiteral("--data"), m_data.path()});
-    static const QRegularExpression listening(
-        QStringLiteral("listening url=https://127\\.0\\.0\\.1:(\\d+)/ admin=http://127\\.0\\.0\\.1:(\\d+)/ cert=(.+)$"));
+    static const QRegularExpression listening(QStringLiteral(
+        "listening url=https://127\\.0\\.0\\.1:(\\d+)/ admin=http://127\\.0\\.0\\.1:(\\d+)/ cert=(.+)$"));
     QRegularExpressionMatch match;
     if (!m_process->waitForStarted(kStartTimeoutMs) ||
         !waitForLine(*m_process, m_output, listening, &match, kStartTimeoutMs)) {
@@ -241,12 +241,14 @@ bool ServerProcess::ok(const QJsonObject &reply) const
 
 bool ServerProcess::addUser(const QString &user, const QString &password)
 {
-    return ok(post(QStringLiteral("/users"), {{QStringLiteral("id"), user}, {QStringLiteral("password"), password}}));
+    return ok(post(QStringLiteral("/users"),
+                   {{QStringLiteral("id"), user}, {QStringLiteral("password"), password}}));
 }
 
 bool ServerProcess::mkdir(const QString &user, const QString &path)
 {
-    return ok(post(QStringLiteral("/mkdir"), {{QStringLiteral("user"), user}, {QStringLiteral("path"), path}}));
+    return ok(
+        post(QStringLiteral("/mkdir"), {{QStringLiteral("user"), user}, {QStringLiteral("path"), path}}));
 }
 
 bool ServerProcess::put(const QString &user, const QString &path, const QByteArray &content,
@@ -262,9 +264,9 @@ bool ServerProcess::put(const QString &user, const QString &path, const QByteArr
 
 bool ServerProcess::rename(const QString &user, const QString &path, const QString &name)
 {
-    return ok(post(QStringLiteral("/rename"), {{QStringLiteral("user"), user},
-                                               {QStringLiteral("path"), path},
-                                               {QStringLiteral("name"), name}}));
+    return ok(post(
+        QStringLiteral("/rename"),
+        {{QStringLiteral("user"), user}, {QStringLiteral("path"), path}, {QStringLiteral("name"), name}}));
 }
 
 bool ServerProcess::move(const QString &user, const QString &path, const QString &destination)
@@ -276,7 +278,8 @@ bool ServerProcess::move(const QString &user, const QString &path, const QString
 
 bool ServerProcess::remove(const QString &user, const QString &path)
 {
-    return ok(post(QStringLiteral("/delete"), {{QStringLiteral("user"), user}, {QStringLiteral("path"), path}}));
+    return ok(
+        post(QStringLiteral("/delete"), {{QStringLiteral("user"), user}, {QStringLiteral("path"), path}}));
 }
 
 bool ServerProcess::fault(const QJsonObject &fault)
@@ -287,6 +290,12 @@ bool ServerProcess::fault(const QJsonObject &fault)
 bool ServerProcess::clearFaults()
 {
     return ok(post(QStringLiteral("/faults/clear"), {}));
+}
+
+int ServerProcess::pendingFaults()
+{
+    const QJsonObject reply = get(QStringLiteral("/faults"));
+    return reply.value(QStringLiteral("ok")).toBool() ? reply.value(QStringLiteral("pending")).toInt() : -1;
 }
 
 QStringList ServerProcess::commandLog()
@@ -367,8 +376,8 @@ Computer::~Computer()
 bool Computer::startBus()
 {
     m_bus = std::make_unique<QProcess>();
-    m_bus->start(QStringLiteral("dbus-daemon"),
-                 {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address=1")});
+    m_bus->start(QStringLiteral("dbus-daemon"), {QStringLiteral("--session"), QStringLiteral("--nofork"),
+                                                 QStringLiteral("--print-address=1")});
     QByteArray collected;
     QRegularExpressionMatch match;
     static const QRegularExpression address(QStringLiteral("^(unix:.+)$"));
@@ -381,7 +390,8 @@ bool Computer::startBus()
 
 QString Computer::storePath(const QString &user) const
 {
-    return dataHome() + QStringLiteral("/com.velmora.Ferrovane/Tarnwick_") + user + QStringLiteral(".storedata");
+    return dataHome() + QStringLiteral("/com.velmora.Ferrovane/Tarnwick_") + user +
+           QStringLiteral(".storedata");
 }
 
 QProcessEnvironment Computer::environment() const
@@ -408,7 +418,8 @@ bool Computer::startClient(const QStringList &arguments, const QString &password
     m_stderr.clear();
     m_client = std::make_unique<QProcess>();
     m_client->setProcessEnvironment(environment());
-    m_client->start(programPath(QStringLiteral("ferrovane")), QStringList{QStringLiteral("--headless")} + arguments);
+    m_client->start(programPath(QStringLiteral("ferrovane")),
+                    QStringList{QStringLiteral("--headless")} + arguments);
     if (!m_client->waitForStarted(kStartTimeoutMs))
         return false;
     if (!password.isNull())
@@ -539,8 +550,8 @@ Tree Computer::catalogueTree(const QString &user) const
     }
     sqlite3_busy_timeout(db, 5000);
     for (const bool folder : {true, false}) {
-        const QByteArray sql = folder ? "SELECT path, time FROM Directory"
-                                      : "SELECT path, time, size, md5 FROM File";
+        const QByteArray sql =
+            folder ? "SELECT path, time FROM Directory" : "SELECT path, time, size, md5 FROM File";
         sqlite3_stmt *statement = nullptr;
         if (sqlite3_prepare_v2(db, sql.constData(), -1, &statement, nullptr) != SQLITE_OK)
             continue;

@@ -13,7 +13,6 @@
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
-
 #include <functional>
 #include <memory>
 
@@ -77,6 +76,8 @@ public:
     bool remove(const QString &user, const QString &path);
     bool fault(const QJsonObject &fault);
     bool clearFaults();
+    // Fault counts not yet used up (-1 when the server did not answer).
+    int pendingFaults();
     // Commands the server has received since the last clear (e.g. "PUT", "DEL").
     QStringList commandLog();
     void clearLog();

@@ -10,9 +10,8 @@
 #include <QJsonObject>
 #include <QSet>
 #include <QTemporaryDir>
-#include <gtest/gtest.h>
-
 #include <csignal>
+#include <gtest/gtest.h>
 #include <memory>
 
 using namespace EndToEnd;
@@ -50,10 +49,14 @@ protected:
         ASSERT_TRUE(server.mkdir(kUser, QStringLiteral("/docs/deep/deeper")));
         ASSERT_TRUE(server.mkdir(kUser, QStringLiteral("/") + kUnicodeFolder));
         ASSERT_TRUE(server.mkdir(kUser, QStringLiteral("/empty")));
-        ASSERT_TRUE(server.put(kUser, QStringLiteral("/readme.txt"), "hello\n", QStringLiteral("20240102030405")));
-        ASSERT_TRUE(server.put(kUser, QStringLiteral("/docs/") + kSpecialFile, "special", QStringLiteral("20230615120000")));
-        ASSERT_TRUE(server.put(kUser, QStringLiteral("/docs/deep/deeper/big.bin"), QByteArray(3 * 1024 * 1024 + 7, 'x')));
-        ASSERT_TRUE(server.put(kUser, QStringLiteral("/") + kUnicodeFolder + QStringLiteral("/\u00e9t\u00e9.jpg"), "jpeg?"));
+        ASSERT_TRUE(
+            server.put(kUser, QStringLiteral("/readme.txt"), "hello\n", QStringLiteral("20240102030405")));
+        ASSERT_TRUE(server.put(kUser, QStringLiteral("/docs/") + kSpecialFile, "special",
+                               QStringLiteral("20230615120000")));
+        ASSERT_TRUE(server.put(kUser, QStringLiteral("/docs/deep/deeper/big.bin"),
+                               QByteArray(3 * 1024 * 1024 + 7, 'x')));
+        ASSERT_TRUE(server.put(
+            kUser, QStringLiteral("/") + kUnicodeFolder + QStringLiteral("/\u00e9t\u00e9.jpg"), "jpeg?"));
         ASSERT_TRUE(server.put(kUser, QStringLiteral("/docs/empty.txt"), QByteArray()));
     }
 
@@ -64,10 +67,12 @@ protected:
         for (Computer *c : computers) {
             QString diff = difference(expected, c->localTree(), how);
             if (!diff.isEmpty())
-                return ::testing::AssertionFailure() << qPrintable(c->name()) << " sync folder:\n" << qPrintable(diff);
+                return ::testing::AssertionFailure() << qPrintable(c->name()) << " sync folder:\n"
+                                                     << qPrintable(diff);
             diff = difference(expected, c->catalogueTree(kUser), how);
             if (!diff.isEmpty())
-                return ::testing::AssertionFailure() << qPrintable(c->name()) << " catalogue:\n" << qPrintable(diff);
+                return ::testing::AssertionFailure() << qPrintable(c->name()) << " catalogue:\n"
+                                                     << qPrintable(diff);
         }
         return ::testing::AssertionSuccess();
     }
@@ -80,14 +85,14 @@ protected:
         ::testing::AssertionResult result = inStep(computers, how);
         for (Computer *c : computers) {
             // The whole conversation goes to a file; the failure shows where.
-            const QString file = QDir::temp().filePath(QStringLiteral("ferrovane-e2e-%1-%2.log")
-                                                           .arg(QString::fromUtf8(::testing::UnitTest::GetInstance()
-                                                                                      ->current_test_info()
-                                                                                      ->name()),
-                                                                c->name()));
+            const QString file = QDir::temp().filePath(
+                QStringLiteral("ferrovane-e2e-%1-%2.log")
+                    .arg(QString::fromUtf8(::testing::UnitTest::GetInstance()->current_test_info()->name()),
+                         c->name()));
             QFile log(file);
             if (log.open(QIODevice::WriteOnly))
-                log.write((c->output().join(u'\n') + QStringLiteral("\n--- stderr\n") + c->errorOutput()).toUtf8());
+                log.write(
+                    (c->output().join(u'\n') + QStringLiteral("\n--- stderr\n") + c->errorOutput()).toUtf8());
             result << "\n--- " << qPrintable(c->name()) << " said: see " << qPrintable(file);
         }
         return result;
@@ -177,7 +182,8 @@ TEST_F(EndToEndTest, LocalChangesOfEveryKindReachTheServerAndTheOtherComputer)
     QTemporaryDir outside(a->syncFolder() + QStringLiteral("/../outside-XXXXXX"));
     ASSERT_TRUE(QDir().mkpath(outside.filePath(QStringLiteral("incoming/sub"))));
     ASSERT_TRUE(QFile(outside.filePath(QStringLiteral("incoming/sub/one.txt"))).open(QIODevice::WriteOnly));
-    ASSERT_TRUE(QDir().rename(outside.filePath(QStringLiteral("incoming")), a->path(QStringLiteral("/incoming"))));
+    ASSERT_TRUE(
+        QDir().rename(outside.filePath(QStringLiteral("incoming")), a->path(QStringLiteral("/incoming"))));
     ASSERT_TRUE(converge({a.get(), b.get()}));
     ASSERT_TRUE(QDir().rename(a->path(QStringLiteral("/empty")), outside.filePath(QStringLiteral("left"))));
     ASSERT_TRUE(converge({a.get(), b.get()}));
@@ -220,16 +226,36 @@ TEST_F(EndToEndTest, SessionExpiryAndBrokenRepliesDelayChangesButLoseNone)
     ASSERT_TRUE(converge({a.get()}));
 
     const QList<QJsonObject> faults = {
-        {{QStringLiteral("kind"), QStringLiteral("body")}, {QStringLiteral("command"), QStringLiteral("WORKLIST")},
+        {{QStringLiteral("kind"), QStringLiteral("body")},
+         {QStringLiteral("command"), QStringLiteral("WORKLIST")},
          {QStringLiteral("body"), QStringLiteral("-3")}},
-        {{QStringLiteral("kind"), QStringLiteral("body")}, {QStringLiteral("command"), QStringLiteral("WORKLIST")},
+        {{QStringLiteral("kind"), QStringLiteral("body")},
+         {QStringLiteral("command"), QStringLiteral("WORKLIST")},
          {QStringLiteral("body"), QStringLiteral("-2")}},
-        {{QStringLiteral("kind"), QStringLiteral("body")}, {QStringLiteral("command"), QStringLiteral("WORKLIST")},
-         {QStringLiteral("body"), QStringLiteral("<html>proxy error")}, {QStringLiteral("count"), 4}},
-        {{QStringLiteral("kind"), QStringLiteral("drop")}, {QStringLiteral("command"), QStringLiteral("*")},
+        {{QStringLiteral("kind"), QStringLiteral("body")},
+         {QStringLiteral("command"), QStringLiteral("WORKLIST")},
+         {QStringLiteral("body"), QStringLiteral("<html>proxy error")},
+         {QStringLiteral("count"), 4}},
+        {{QStringLiteral("kind"), QStringLiteral("drop")},
+         {QStringLiteral("command"), QStringLiteral("*")},
          {QStringLiteral("count"), 3}},
-        {{QStringLiteral("kind"), QStringLiteral("cut-reply")}, {QStringLiteral("command"), QStringLiteral("PUT")}},
-        {{QStringLiteral("kind"), QStringLiteral("cut-download")}, {QStringLiteral("command"), QStringLiteral("DOWNLOAD")},
+        {{QStringLiteral("kind"), QStringLiteral("cut-reply")},
+         {QStringLiteral("command"), QStringLiteral("PUT")}},
+        {{QStringLiteral("kind"), QStringLiteral("drop-after")},
+         {QStringLiteral("command"), QStringLiteral("PUT")}},
+        {{QStringLiteral("kind"), QStringLiteral("cut-reply")},
+         {QStringLiteral("command"), QStringLiteral("UPLOAD")}},
+        {{QStringLiteral("kind"), QStringLiteral("drop-after")},
+         {QStringLiteral("command"), QStringLiteral("UPLOAD")}},
+        {{QStringLiteral("kind"), QStringLiteral("drop")},
+         {QStringLiteral("command"), QStringLiteral("UPLOAD")}},
+        {{QStringLiteral("kind"), QStringLiteral("status")},
+         {QStringLiteral("command"), QStringLiteral("WORKLIST")},
+         {QStringLiteral("status"), 503}},
+        {{QStringLiteral("kind"), QStringLiteral("drop-after")},
+         {QStringLiteral("command"), QStringLiteral("INFO")}},
+        {{QStringLiteral("kind"), QStringLiteral("cut-download")},
+         {QStringLiteral("command"), QStringLiteral("DOWNLOAD")},
          {QStringLiteral("bytes"), 3}},
     };
     int round = 0;
@@ -239,12 +265,16 @@ TEST_F(EndToEndTest, SessionExpiryAndBrokenRepliesDelayChangesButLoseNone)
         ASSERT_TRUE(server.fault(fault));
         // One change on each side while the fault is armed.
         ASSERT_TRUE(a->writeFile(QStringLiteral("/local %1.txt").arg(round), QByteArray(round * 100, 'l')));
-        ASSERT_TRUE(server.put(kUser, QStringLiteral("/remote %1.txt").arg(round), QByteArray(round * 10, 'r')));
+        ASSERT_TRUE(
+            server.put(kUser, QStringLiteral("/remote %1.txt").arg(round), QByteArray(round * 10, 'r')));
+        // The fault must have struck, or this round proves nothing.
+        ASSERT_TRUE(waitFor([&] { return server.pendingFaults() == 0; }, kConverge));
         ASSERT_TRUE(converge({a.get()}));
         server.clearFaults();
     }
     // Expired sessions on the server side: the client signs in again by itself.
-    ASSERT_TRUE(server.ok(server.post(QStringLiteral("/sessions/expire"), {{QStringLiteral("user"), kUser}})));
+    ASSERT_TRUE(
+        server.ok(server.post(QStringLiteral("/sessions/expire"), {{QStringLiteral("user"), kUser}})));
     ASSERT_TRUE(server.put(kUser, QStringLiteral("/after expiry.txt"), "still here"));
     ASSERT_TRUE(converge({a.get()}));
     EXPECT_TRUE(a->clientRunning());
@@ -285,13 +315,14 @@ TEST_F(EndToEndTest, ServerNamesThatLeaveTheSyncFolderChangeNothingOutsideIt)
 
     const QString now = server.get(QStringLiteral("/time")).value(QStringLiteral("time")).toString();
     const QString hostile =
-        QStringLiteral("<XML><WORKLIST ID=\"%1\">"
-                       "<ADD ID=\"%1\" KEY=\"900001\" FOLDER=\"0\" NAME=\"../escaped.txt\" SIZE=\"3\" MD5=\"\" "
-                       "PKEY=\"1\" TIME=\"%1\">syncfolder/../escaped.txt</ADD>"
-                       "<ADD ID=\"%1\" KEY=\"900002\" FOLDER=\"1\" NAME=\"/tmp\" SIZE=\"0\" MD5=\"\" PKEY=\"1\" "
-                       "TIME=\"%1\">/tmp/owned</ADD>"
-                       "<RENAME ID=\"%1\" KEY=\"900003\" FOLDER=\"0\" NAME=\"../../renamed\">x</RENAME>"
-                       "</WORKLIST></XML>")
+        QStringLiteral(
+            "<XML><WORKLIST ID=\"%1\">"
+            "<ADD ID=\"%1\" KEY=\"900001\" FOLDER=\"0\" NAME=\"../escaped.txt\" SIZE=\"3\" MD5=\"\" "
+            "PKEY=\"1\" TIME=\"%1\">syncfolder/../escaped.txt</ADD>"
+            "<ADD ID=\"%1\" KEY=\"900002\" FOLDER=\"1\" NAME=\"/tmp\" SIZE=\"0\" MD5=\"\" PKEY=\"1\" "
+            "TIME=\"%1\">/tmp/owned</ADD>"
+            "<RENAME ID=\"%1\" KEY=\"900003\" FOLDER=\"0\" NAME=\"../../renamed\">x</RENAME>"
+            "</WORKLIST></XML>")
             .arg(now);
     ASSERT_TRUE(server.fault({{QStringLiteral("kind"), QStringLiteral("body")},
                               {QStringLiteral("command"), QStringLiteral("WORKLIST")},
@@ -322,7 +353,8 @@ TEST_F(EndToEndTest, StoppingInTheMiddleAndAnotherUserLeaveConsistentStores)
     // Stopped in the middle of sending local changes: nothing is lost.
     for (int i = 0; i < 20; ++i)
         ASSERT_TRUE(a->writeFile(QStringLiteral("/batch/b%1.txt").arg(i), QByteArray(i + 1, 'b')));
-    ASSERT_TRUE(waitFor([&] { return server.tree(kUser).contains(QStringLiteral("/batch/b3.txt")); }, kConverge));
+    ASSERT_TRUE(
+        waitFor([&] { return server.tree(kUser).contains(QStringLiteral("/batch/b3.txt")); }, kConverge));
     EXPECT_EQ(a->stopClient(), 0);
     ASSERT_TRUE(a->startSyncing(kUser, kPassword));
     ASSERT_TRUE(converge({a.get()}));
@@ -335,8 +367,8 @@ TEST_F(EndToEndTest, StoppingInTheMiddleAndAnotherUserLeaveConsistentStores)
     const Tree aliceCatalogue = a->catalogueTree(kUser);
     ASSERT_TRUE(QDir(a->syncFolder()).removeRecursively());
     ASSERT_TRUE(a->startClient({QStringLiteral("--domain"), server.domain(), QStringLiteral("--user"), bob,
-                                QStringLiteral("--password-stdin"), QStringLiteral("--folder"), a->syncFolder(),
-                                QStringLiteral("--sync")},
+                                QStringLiteral("--password-stdin"), QStringLiteral("--folder"),
+                                a->syncFolder(), QStringLiteral("--sync")},
                                QStringLiteral("pw")));
     ASSERT_TRUE(waitFor([&] { return difference(server.tree(bob), a->localTree()).isEmpty(); }, kConverge))
         << qPrintable(difference(server.tree(bob), a->localTree()));

@@ -118,3 +118,16 @@ TEST_F(LocalChangeTest, EveryLocalChangeReachesTheServerThroughTheDaemon)
     write(QStringLiteral("again.txt"), "after a restart");
     step("after a restart");
 }
+
+TEST_F(LocalChangeTest, AnUploadThatFailsIsSentAgainAtALaterPassWithoutAnotherChange)
+{
+    start();
+    ASSERT_TRUE(connected());
+    ASSERT_TRUE(waitInStep());
+    srv().cutReplies(QStringLiteral("UPLOAD"), 1);
+    write(QStringLiteral("kept.txt"), "sent at the second try");
+    ASSERT_TRUE(waitInStep()) << local() << server();
+    expectInStep();
+    EXPECT_EQ(srv().fileContents(user(), QStringLiteral("kept.txt")), "sent at the second try");
+    EXPECT_EQ(srv().requestedCommands().count(QStringLiteral("UPLOAD")), 2);
+}
