@@ -171,9 +171,58 @@ bool ProcessWindowController::findCloudFolderKey(const std::shared_ptr<ManagedOb
 
 void ProcessWindowController::rescanSyncFolder()
 {
+    m_rescanWanted = false;
+    m_rescanBegun = true;
+    const QString root = path();
     const std::shared_ptr<FolderUtil> scanner = folderUtil();
-    if (scanner)
-        scanner->scanFolder(path(), false);
+    if (!scanner || root.isEmpty() || !QFileInfo(root).isDir())
+        return;
+    // Folders too, and what went missing: made while no watcher saw it (the client or the daemon
+    // was not running), a new empty folder or a deletion would otherwise never be sent.
+    scanner->scanFolder(root, true);
+    endThreadIfNotAlive();
+    runOnListenerAndWait([this] { recordRemovedItems(); });
+}
+
+void ProcessWindowController::recordRemovedItems()
+{
+    const std::shared_ptr<ManagedObjectContext> context = listenerManagedObjectContext();
+    const QString root = path();
+    // A sync folder that is not there (an unmounted disk) is not a deletion of everything in it.
+    if (!context || root.isEmpty() || !QFileInfo(root).isDir())
+        return;
+    const QString inside = root + u'/';
+    QStringList gone; // folders found missing: nothing below them needs a task of its own
+    const auto below = [&gone](const QString &path) {
+        return std::any_of(gone.cbegin(), gone.cend(),
+                           [&path](const QString &folder) { return path.startsWith(folder + u'/'); });
+    };
+    QList<DirectoryPtr> folders = context->fetch<Directory>();
+    std::sort(folders.begin(), folders.end(), [](const DirectoryPtr &a, const DirectoryPtr &b) {
+        return a->path().size() < b->path().size();
+    });
+    for (const DirectoryPtr &row : std::as_const(folders)) {
+        const QString folder = row->path();
+        if (!folder.startsWith(inside) || CataloguePaths::itemExists(folder) || below(folder))
+            continue;
+        gone.append(folder);
+        directoryWasRemoved(folder);
+    }
+    for (const FilePtr &row : context->fetch<File>()) {
+        const QString file = row->path();
+        if (file.startsWith(inside) && !CataloguePaths::itemExists(file) && !below(file))
+            fileWasRemoved(file);
+    }
+}
+
+void ProcessWindowController::requestRescan()
+{
+    if (m_rescanWanted.exchange(true))
+        return; // one is waiting to start: it will see this change too
+    postToWorker([this] {
+        if (m_rescanWanted)
+            rescanSyncFolder();
+    });
 }
 
 void ProcessWindowController::folderUtilHasItemAtPath(FolderUtil *util, const QString &path, bool isFolder)
@@ -182,6 +231,8 @@ void ProcessWindowController::folderUtilHasItemAtPath(FolderUtil *util, const QS
         util->setIsEnd(true); // the scan stops before its next entry
         return;
     }
+    if (isFolder && path == this->path())
+        return; // the sync folder itself is no item of it
     runOnListenerAndWait([&] {
         if (isFolder)
             directoryWasAdded(path);

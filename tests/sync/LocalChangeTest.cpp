@@ -10,7 +10,9 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <QTemporaryDir>
+#include <csignal>
 #include <cstdio>
 
 namespace {
@@ -130,4 +132,40 @@ TEST_F(LocalChangeTest, AnUploadThatFailsIsSentAgainAtALaterPassWithoutAnotherCh
     expectInStep();
     EXPECT_EQ(srv().fileContents(user(), QStringLiteral("kept.txt")), "sent at the second try");
     EXPECT_EQ(srv().requestedCommands().count(QStringLiteral("UPLOAD")), 2);
+}
+
+TEST_F(LocalChangeTest, WhatChangedWhileTheDaemonWasGoneIsFoundByARescanAndSentOnce)
+{
+    ASSERT_FALSE(srv()
+                     .putFile(user(), QStringLiteral("gone.txt"), "gone", QStringLiteral("20200101000000"))
+                     .isEmpty());
+    ASSERT_FALSE(
+        srv()
+            .putFile(user(), QStringLiteral("Old/inside.txt"), "in", QStringLiteral("20200101000000"))
+            .isEmpty());
+    ASSERT_FALSE(srv()
+                     .putFile(user(), QStringLiteral("kept.txt"), "kept", QStringLiteral("20200101000000"))
+                     .isEmpty());
+    start();
+    ASSERT_TRUE(connected());
+    ASSERT_TRUE(waitInStep());
+    const uint pid = daemonPid();
+    ASSERT_NE(pid, 0u);
+    log.clear();
+    srv().clearRequestLog();
+
+    // Killed: nothing reports these changes but the disk itself.
+    ASSERT_EQ(::kill(pid_t(pid), SIGKILL), 0);
+    write(QStringLiteral("unwatched.txt"), "made while no one watched");
+    ASSERT_TRUE(QDir().mkpath(at(QStringLiteral("Empty folder"))));
+    ASSERT_TRUE(QFile::remove(at(QStringLiteral("gone.txt"))));
+    ASSERT_TRUE(QDir(at(QStringLiteral("Old"))).removeRecursively());
+    ASSERT_TRUE(TestUtil::waitFor([&] { return daemonPid() != 0 && daemonPid() != pid; }, 30000));
+    ASSERT_TRUE(waitInStep()) << local() << server();
+    expectInStep();
+    QStringList sent =
+        srv().requestedCommands().filter(QRegularExpression(QStringLiteral("^(PUT|DEL|UPLOAD)$")));
+    sent.sort();
+    EXPECT_EQ(sent, (QStringList{QStringLiteral("DEL"), QStringLiteral("DEL"), QStringLiteral("PUT"),
+                                 QStringLiteral("PUT"), QStringLiteral("UPLOAD")}));
 }
