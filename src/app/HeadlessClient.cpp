@@ -1,6 +1,7 @@
 #include "app/HeadlessClient.h"
 
 #include "RestLibrary/NetworkAccess.h"
+#include "catalogue/DatabaseUtils.h"
 #include "catalogue/ManagedObjectContext.h"
 #include "link/DistributedNotificationCenter.h"
 #include "link/LinkNames.h"
@@ -71,6 +72,8 @@ QString HeadlessClient::usageNotes()
         "  --folder sets the sync folder as the settings view's Save would (a changed folder is\n"
         "  mirrored in full again). --sync switches sync on; once it has been switched, sync\n"
         "  comes on by itself after every sign-in until a sign-out. --once syncs once and exits.\n"
+        "  --pc-name sets the name this computer's changes are filed under on the server, as the\n"
+        "  settings' computer name would (two clients on one host need two names).\n"
         "\n"
         "Output: one line per event on stdout, fields separated by a tab; a backslash, tab, line\n"
         "feed or carriage return inside a field is written \\\\, \\t, \\n or \\r. First field:\n"
@@ -296,6 +299,13 @@ void HeadlessClient::start()
     m_delegate->applicationDidFinishLaunching(!explicitCredentials);
     if (m_finishing)
         return;
+    if (!m_options.pcName.isEmpty()) {
+        // As the settings' computer name: the name the server files this computer's changes under
+        // (a launch puts the host name there first).
+        m_delegate->pcNameTextField()->setStringValue(m_options.pcName);
+        m_delegate->setConfigValue(m_options.pcName, QStringLiteral("kKeyPCName"));
+        DatabaseUtils::instance()->setMacName(m_options.pcName);
+    }
     CDLoginView *view = m_delegate->loginView();
     if (explicitCredentials && view) {
         view->domainTextField()->setStringValue(m_options.domain);

@@ -45,6 +45,7 @@ public:
         QString password;
         bool hasPassword = false;
         QString folder;
+        QString pcName; // empty: the host name
         bool sync = false;
         bool once = false;
     };

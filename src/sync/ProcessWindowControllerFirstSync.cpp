@@ -288,7 +288,7 @@ QString ProcessWindowController::addDirWithElement(const std::shared_ptr<GDataXM
                                                    const std::shared_ptr<ManagedObjectContext> &context)
 {
     endThreadIfNotAlive();
-    const QString name = attribute(element, QStringLiteral("NAME"));
+    QString name = attribute(element, QStringLiteral("NAME"));
     const QString time = attribute(element, QStringLiteral("TIME"));
     const QString size = attribute(element, QStringLiteral("SIZE"));
     const QString key = attribute(element, QStringLiteral("KEY"));
@@ -300,7 +300,8 @@ QString ProcessWindowController::addDirWithElement(const std::shared_ptr<GDataXM
     // Checked before anything is made: a name from the server must not lead out of the sync folder.
     if (!CataloguePaths::checkName(name, QStringLiteral("Folder")))
         return {};
-    const QString local = parentPath + u'/' + name;
+    const QString local = CataloguePaths::localSpelling(parentPath + u'/' + name, root);
+    name = CataloguePaths::nameAsSpelled(name, local);
     if (!CataloguePaths::checkInside(local, root, QStringLiteral("Folder")))
         return {};
     if (!QDir().mkpath(local)) {
@@ -344,7 +345,7 @@ void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLE
                                                  const std::shared_ptr<ManagedObjectContext> &context)
 {
     endThreadIfNotAlive();
-    const QString name = attribute(element, QStringLiteral("NAME"));
+    QString name = attribute(element, QStringLiteral("NAME"));
     QString md5 = attribute(element, QStringLiteral("MD5"));
     const QString time = attribute(element, QStringLiteral("TIME"));
     const QString size = attribute(element, QStringLiteral("SIZE"));
@@ -357,9 +358,10 @@ void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLE
     const QString root = path();
     if (!CataloguePaths::checkName(name, QStringLiteral("File")))
         return;
-    const QString local = parentPath + u'/' + name;
+    const QString local = CataloguePaths::localSpelling(parentPath + u'/' + name, root);
     if (!CataloguePaths::checkInside(local, root, QStringLiteral("File")))
         return;
+    name = CataloguePaths::nameAsSpelled(name, local);
     FilePtr row = utils->getFileWithKey(key, context);
 
     const bool download = !CataloguePaths::itemExists(local) ||

@@ -157,11 +157,14 @@ QString ProcessWindowController::localPathOfServerPath(const QString &serverPath
     const QString root = path();
     // Only the first occurrence stands for the sync folder: a name may contain the word too.
     const qsizetype at = serverPath.indexOf(kSyncFolderWord);
+    QString local;
     if (at >= 0)
-        return QString(serverPath).replace(at, kSyncFolderWord.size(), root);
-    if (serverPath.startsWith(u'/'))
-        return root + serverPath;
-    return root + u'/' + serverPath;
+        local = QString(serverPath).replace(at, kSyncFolderWord.size(), root);
+    else if (serverPath.startsWith(u'/'))
+        local = root + serverPath;
+    else
+        local = root + u'/' + serverPath;
+    return CataloguePaths::localSpelling(local, root);
 }
 
 // --- Work-item builders ---
@@ -184,8 +187,9 @@ void ProcessWindowController::addObjectWithXmlElement(const std::shared_ptr<GDat
         !CataloguePaths::checkInside(local, path(), QStringLiteral("Work item")))
         return;
     const QStringList record = {
-        name, attribute(element, QStringLiteral("SIZE")), attribute(element, QStringLiteral("MD5")),
-        key,  attribute(element, QStringLiteral("PKEY")), local};
+        CataloguePaths::nameAsSpelled(name, local), attribute(element, QStringLiteral("SIZE")),
+        attribute(element, QStringLiteral("MD5")),  key,
+        attribute(element, QStringLiteral("PKEY")), local};
     QMutexLocker lock(&m_fields->lock);
     m_fields->listTask.append(ProcessTask(ProcessTask::Add, record, isFolderElement(element)));
 }
@@ -207,8 +211,9 @@ void ProcessWindowController::renameObjectWithXmlElement(const std::shared_ptr<G
     std::shared_ptr<CatalogueItem> row = db()->getFileWithKey(key, context);
     if (!row)
         row = db()->getDirectoryWithKey(key, context);
-    if (row && row->name() == name)
-        return; // already so here
+    if (row &&
+        row->name().normalized(QString::NormalizationForm_C) == name.normalized(QString::NormalizationForm_C))
+        return; // already so here (the server spells names composed; here they may not be)
     const QStringList record = {name, QString(), QString(), key, QString(), element->stringValue()};
     QMutexLocker lock(&m_fields->lock);
     m_fields->listTask.append(ProcessTask(ProcessTask::Rename, record, isFolderElement(element)));

@@ -432,7 +432,8 @@ bool Computer::startSyncing(const QString &user, const QString &password)
 {
     return startClient({QStringLiteral("--domain"), m_server.domain(), QStringLiteral("--user"), user,
                         QStringLiteral("--password-stdin"), QStringLiteral("--folder"), m_syncFolder,
-                        QStringLiteral("--sync"), QStringLiteral("--verbose")},
+                        QStringLiteral("--pc-name"), m_name, QStringLiteral("--sync"),
+                        QStringLiteral("--verbose")},
                        password);
 }
 
@@ -534,7 +535,11 @@ Tree Computer::localTree() const
             if (file.open(QIODevice::ReadOnly))
                 entry.md5 = md5Hex(file.readAll());
         }
-        tree.insert(relativeTo(m_syncFolder, path), entry);
+        QString relative = relativeTo(m_syncFolder, path);
+        // Two spellings of one name (composed and decomposed) are two items here: both must show.
+        while (tree.contains(relative))
+            relative += QStringLiteral(" <same name again>");
+        tree.insert(relative, entry);
     }
     return tree;
 }

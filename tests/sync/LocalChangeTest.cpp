@@ -169,3 +169,35 @@ TEST_F(LocalChangeTest, WhatChangedWhileTheDaemonWasGoneIsFoundByARescanAndSentO
     EXPECT_EQ(sent, (QStringList{QStringLiteral("DEL"), QStringLiteral("DEL"), QStringLiteral("PUT"),
                                  QStringLiteral("PUT"), QStringLiteral("UPLOAD")}));
 }
+
+TEST_F(LocalChangeTest, ANameSpelledDecomposedHereStaysOneItemWhenTheServerChangesIt)
+{
+    start();
+    ASSERT_TRUE(connected());
+    ASSERT_TRUE(waitInStep());
+    const QString folder = QStringLiteral("Mu\u0308ller");
+    const QString file = folder + QStringLiteral("/Cafe\u0301.txt");
+    const QString composed = file.normalized(QString::NormalizationForm_C);
+    write(file, "made here");
+    // The server spells names composed.
+    ASSERT_TRUE(TestUtil::waitFor(
+        [&] { return srv().fileContents(user(), composed) == "made here" && engine->isQuiet(); }));
+
+    ASSERT_FALSE(
+        srv().putFile(user(), composed, "changed there", QStringLiteral("20300101000000")).isEmpty());
+    ASSERT_FALSE(srv()
+                     .putFile(user(),
+                              folder.normalized(QString::NormalizationForm_C) + QStringLiteral("/new.txt"),
+                              "new there")
+                     .isEmpty());
+    ASSERT_TRUE(TestUtil::waitFor([&] {
+        return TestUtil::readFile(at(file)) == "changed there" &&
+               QFileInfo::exists(at(folder + QStringLiteral("/new.txt")));
+    })) << local();
+    ASSERT_TRUE(waitQuiet());
+    EXPECT_EQ(QDir(root).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden),
+              QStringList{folder});
+    EXPECT_EQ(QDir(at(folder)).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden),
+              (QStringList{QStringLiteral("Cafe\u0301.txt"), QStringLiteral("new.txt")}));
+    EXPECT_EQ(catalogue().size(), 3);
+}
