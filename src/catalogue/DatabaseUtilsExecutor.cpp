@@ -346,10 +346,13 @@ int DatabaseUtils::uploadFile(const TaskPtr &task, const ContextPtr &context)
         row->setUploadDone(false);
         saveContext(context, QStringLiteral("%1"));
     }
+    // The contents as they are sent: a file written again during the upload (even in the same
+    // second) then differs from its record and goes again.
+    const QString sentMd5 = UploadFile::getMD5OfFileAtPath(path);
     const QString status = UploadFile::uploadFileWithKey(key, path, url, 0, serverTime);
     if (status == u"done") {
         FV_LOG(QStringLiteral("Upload complete: %1").arg(name));
-        fields[ItemMd5] = UploadFile::getMD5OfFileAtPath(path);
+        fields[ItemMd5] = sentMd5;
         if (!insertFile(fields, context))
             return kErrorReadXml;
         if (const FilePtr row = getFileWithKey(key, context)) {

@@ -46,7 +46,12 @@ TaskPtr DatabaseUtils::addTaskWithDictionary(const QVariantMap &dictionary, cons
                 return nullptr; // a known folder is never queued again; an earlier task stands
             switch (checkFileIsModifierWithPath(path, row->time(), row->md5())) {
             case Unchanged:
-                return nullptr;
+                // Dates are kept to the second: written again in the second of its last transfer,
+                // a file is told changed by its contents (else the change would be lost).
+                if (!fileDiffersFromRecord(path, row->md5(), row->size()))
+                    return nullptr;
+                type = 5;
+                break;
             case ChangedLocally:
                 type = 5;
                 break;

@@ -4,11 +4,13 @@
 #include "catalogue/CataloguePaths.h"
 #include "catalogue/CommandTransport.h"
 #include "catalogue/DatabaseUtils.h"
+#include "protocol/UploadFile.h"
 #include "util/AppServices.h"
 #include "util/Log.h"
 #include "xml/GDataXMLNode.h"
 
 #include <QCoreApplication>
+#include <QFileInfo>
 #include <QThread>
 
 namespace {
@@ -310,6 +312,22 @@ int DatabaseUtils::checkFileIsModifierWithPath(const QString &path, const QStrin
     if (fileSecs == serverSecs)
         return Unchanged;
     return fileSecs > serverSecs ? ChangedLocally : OlderThanServer;
+}
+
+bool DatabaseUtils::fileDiffersFromRecord(const QString &path, const QString &md5, const QString &size)
+{
+    bool sizeOk = false;
+    const qint64 recorded = size.toLongLong(&sizeOk);
+    if (sizeOk && recorded >= 0 && QFileInfo(path).size() != recorded)
+        return true;
+    return md5.isEmpty() || UploadFile::getMD5OfFileAtPath(path) != md5;
+}
+
+bool DatabaseUtils::serverCopyReplacesSameSecond(const QString &path, const FilePtr &row,
+                                                 const QString &serverMd5)
+{
+    return row && !serverMd5.isEmpty() && !row->md5().isEmpty() && serverMd5 != row->md5() &&
+           !fileDiffersFromRecord(path, row->md5(), row->size());
 }
 
 QList<DirectoryPtr> DatabaseUtils::getAllDirectoryChangedWithManagedObjectContext(const ContextPtr &context)

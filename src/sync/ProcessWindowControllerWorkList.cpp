@@ -174,13 +174,21 @@ void ProcessWindowController::addObjectWithXmlElement(const std::shared_ptr<GDat
     const std::shared_ptr<ManagedObjectContext> context = managedObjectContext();
     const std::shared_ptr<DatabaseUtils> utils = db();
     const QString key = attribute(element, QStringLiteral("KEY"));
-    std::shared_ptr<CatalogueItem> row = utils->getFileWithKey(key, context);
+    const FilePtr file = utils->getFileWithKey(key, context);
+    std::shared_ptr<CatalogueItem> row = file;
     if (!row)
         row = utils->getDirectoryWithKey(key, context);
-    // A known item is taken only when the local copy is older than the server's.
-    if (row && utils->checkFileIsModifierWithPath(row->path(), attribute(element, QStringLiteral("TIME")),
-                                                  QString()) != DatabaseUtils::OlderThanServer)
-        return;
+    // A known item is taken only when the local copy is older than the server's, or, dated the
+    // same second (dates are kept to the second), when only the server's contents have changed.
+    if (row) {
+        const int verdict = utils->checkFileIsModifierWithPath(
+            row->path(), attribute(element, QStringLiteral("TIME")), QString());
+        if (verdict != DatabaseUtils::OlderThanServer &&
+            !(verdict == DatabaseUtils::Unchanged &&
+              DatabaseUtils::serverCopyReplacesSameSecond(row->path(), file,
+                                                          attribute(element, QStringLiteral("MD5")))))
+            return;
+    }
     const QString name = attribute(element, QStringLiteral("NAME"));
     const QString local = localPathOfServerPath(element->stringValue());
     if (!CataloguePaths::checkName(name, QStringLiteral("Work item")) ||
@@ -289,9 +297,14 @@ void ProcessWindowController::applyTask(const ProcessTask &task,
         }
         // Already here under this key and path: nothing to fetch, unless the copy here is older
         // than the server's (the server changed the file's contents).
-        if (utils->getFileWithKey(key, local, context) &&
-            utils->checkFileIsModifierWithPath(local, time, QString()) != DatabaseUtils::OlderThanServer)
-            return;
+        if (const FilePtr known = utils->getFileWithKey(key, local, context)) {
+            const int verdict = utils->checkFileIsModifierWithPath(local, time, QString());
+            if (verdict != DatabaseUtils::OlderThanServer &&
+                !(verdict == DatabaseUtils::Unchanged &&
+                  DatabaseUtils::serverCopyReplacesSameSecond(local, known,
+                                                              record.at(DatabaseUtils::ItemMd5))))
+                return;
+        }
         QString md5 = record.at(DatabaseUtils::ItemMd5);
         if (!downloadInto(local, name, &md5, key, time))
             return;

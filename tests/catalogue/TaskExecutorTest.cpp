@@ -5,6 +5,7 @@
 #include "protocol/UploadFile.h"
 
 #include <QFile>
+#include <QFileInfo>
 
 namespace {
 
@@ -311,6 +312,32 @@ TEST_F(TaskExecutorTest, UploadsThatFailOrAreCancelledStayUntilStored)
     server().clearFaults();
     runTasks();
     EXPECT_TRUE(pendingTypes().isEmpty());
+    expectSameEverywhere();
+}
+
+TEST_F(TaskExecutorTest, AFileWrittenAgainDuringItsUploadIsSentAgain)
+{
+    const QString file = at(QStringLiteral("f.txt"));
+    ASSERT_TRUE(TestUtil::writeFile(file, "aaaa"));
+    const QDateTime dated = QFileInfo(file).lastModified();
+    server().delayReplies(QStringLiteral("UPLOAD"), 1500);
+    queue(1, QStringLiteral("f.txt"), false);
+    auto finished = std::make_shared<std::atomic<bool>>(false);
+    worker->post([this, finished] {
+        db->doTask();
+        *finished = true;
+    });
+    ASSERT_TRUE(TestUtil::waitFor([] { return UploadFile::currentUpload() != nullptr; }));
+    // Same size, same second: only the contents differ from what is being sent.
+    ASSERT_TRUE(TestUtil::writeFile(file, "bbbb"));
+    ASSERT_TRUE(setMTime(file, dated));
+    ASSERT_TRUE(TestUtil::waitFor([&] { return finished->load(); }));
+    ASSERT_TRUE(pendingTypes().isEmpty());
+    EXPECT_EQ(server().fileContents(ServerHarness::user(), QStringLiteral("f.txt")), "aaaa");
+
+    admit(5, QStringLiteral("f.txt"), false); // what the watcher reports of the second write
+    ASSERT_TRUE(TestUtil::waitFor([&] { return pendingTypes().isEmpty() && !db->isDoTask(); }, 60000));
+    EXPECT_EQ(server().fileContents(ServerHarness::user(), QStringLiteral("f.txt")), "bbbb");
     expectSameEverywhere();
 }
 

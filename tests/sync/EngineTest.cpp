@@ -208,6 +208,21 @@ TEST_F(EngineTest, WorkListAppliesEveryKindOfServerChange)
     expectInStep();
 }
 
+TEST_F(EngineTest, AServerEditDatedTheSameSecondAsTheLocalCopyIsFetched)
+{
+    // Dates are kept to the second: only the contents tell these two copies apart.
+    const QString time = QStringLiteral("20200101000000");
+    put(QStringLiteral("same second.txt"), "as it was", time);
+    put(QStringLiteral("Docs/other.txt"), "other", time);
+    start();
+    ASSERT_TRUE(waitInStep());
+    put(QStringLiteral("same second.txt"), "as another computer wrote it", time);
+    put(QStringLiteral("Docs/other.txt"), "other, edited", time);
+    ASSERT_TRUE(waitInStep()) << local() << server();
+    expectInStep();
+    EXPECT_EQ(TestUtil::readFile(at(QStringLiteral("same second.txt"))), "as another computer wrote it");
+}
+
 class SessionRefusal : public EngineTest, public ::testing::WithParamInterface<std::pair<const char *, int>>
 {
 };
