@@ -7,6 +7,7 @@
 #include "protocol/UploadFile.h"
 #include "util/AppServices.h"
 #include "util/Log.h"
+#include "util/Pace.h"
 #include "xml/GDataXMLNode.h"
 
 #include <QCoreApplication>
@@ -256,9 +257,11 @@ std::optional<QStringList> DatabaseUtils::getInfomationOfItemWithKey(const QStri
         QStringLiteral("<XML><INFO SESSION=\"%1\"><KEY>%2</KEY></INFO></XML>").arg(session, key);
 
     QByteArray data;
-    // No pause and no limit: only a reply, or the end of both the catalogue object and the calling
-    // thread, ends the loop.
-    while (data.isEmpty()) {
+    // No limit: only a reply, or the end of both the catalogue object and the calling thread, ends
+    // the loop. A second between tries, so that a server out of reach does not keep a core busy.
+    for (bool first = true; data.isEmpty(); first = false) {
+        if (!first)
+            Pace::sleep(1000);
         if (!isAlive() && QThread::currentThread()->isInterruptionRequested())
             return std::nullopt;
         data = postToServer(url, body);
