@@ -401,3 +401,68 @@ TEST_F(EndToEndTest, StoppingInTheMiddleAndAnotherUserLeaveConsistentStores)
     EXPECT_EQ(a->catalogueTree(kUser), aliceCatalogue);
     EXPECT_EQ(a->stopClient(), 0);
 }
+
+TEST_F(EndToEndTest, OnceSyncsBothWaysAndSaysWhetherItEndedInStep)
+{
+    seed();
+    auto a = computer(QStringLiteral("a"));
+    const QStringList signIn = {QStringLiteral("--domain"),
+                                server.domain(),
+                                QStringLiteral("--user"),
+                                kUser,
+                                QStringLiteral("--password-stdin"),
+                                QStringLiteral("--folder"),
+                                a->syncFolder(),
+                                QStringLiteral("--pc-name"),
+                                a->name(),
+                                QStringLiteral("--verbose")};
+    const auto lines = [&](const QString &first, const QString &second) {
+        QStringList found;
+        for (const QString &line : a->output()) {
+            const QStringList fields = line.split(u'\t');
+            if (fields.value(0) == first && fields.value(1) == second)
+                found << line;
+        }
+        return found;
+    };
+
+    // The first sync, once.
+    ASSERT_EQ(a->runClient(signIn + QStringList{QStringLiteral("--once")}, kPassword, kConverge), 0)
+        << qPrintable(a->output().join(u'\n'));
+    EXPECT_EQ(lines(QStringLiteral("status"), QStringLiteral("in-step")).size(), 1);
+    EXPECT_TRUE(inStep({a.get()}));
+
+    // Changes on both sides while no client ran; stored credentials sign in.
+    ASSERT_TRUE(a->writeFile(QStringLiteral("/made offline.txt"), "offline"));
+    ASSERT_TRUE(QFile::remove(a->path(QStringLiteral("/readme.txt"))));
+    ASSERT_TRUE(server.put(kUser, QStringLiteral("/docs/from elsewhere.txt"), "elsewhere"));
+    ASSERT_EQ(a->runClient({QStringLiteral("--once"), QStringLiteral("--pc-name"), a->name()}, QString(),
+                           kConverge),
+              0)
+        << qPrintable(a->output().join(u'\n'));
+    EXPECT_TRUE(inStep({a.get()}));
+
+    // The server goes away while a change is being sent: not in step, and said why.
+    ASSERT_TRUE(a->writeFile(QStringLiteral("/big.bin"), QByteArray(2 * 1024 * 1024, 'b')));
+    ASSERT_TRUE(server.fault({{QStringLiteral("kind"), QStringLiteral("delay")},
+                              {QStringLiteral("command"), QStringLiteral("UPLOAD")},
+                              {QStringLiteral("ms"), 3000}}));
+    server.clearLog();
+    ASSERT_TRUE(a->startClient({QStringLiteral("--once"), QStringLiteral("--pc-name"), a->name()}));
+    ASSERT_TRUE(waitFor([&] { return server.commandLog().contains(QStringLiteral("UPLOAD")); }, kConverge));
+    server.stop();
+    ASSERT_TRUE(waitFor([&] { return !a->clientRunning(); }, kConverge));
+    EXPECT_EQ(a->stopClient(), 4) << qPrintable(a->output().join(u'\n'));
+    EXPECT_EQ(lines(QStringLiteral("error"), QStringLiteral("unreachable")).size(), 1)
+        << qPrintable(a->output().join(u'\n'));
+    EXPECT_TRUE(lines(QStringLiteral("status"), QStringLiteral("in-step")).isEmpty());
+
+    // Back again: the change is sent and the next run ends in step.
+    QString error;
+    ASSERT_TRUE(server.start(&error)) << qPrintable(error);
+    ASSERT_EQ(a->runClient({QStringLiteral("--once"), QStringLiteral("--pc-name"), a->name()}, QString(),
+                           kConverge),
+              0)
+        << qPrintable(a->output().join(u'\n'));
+    EXPECT_TRUE(inStep({a.get()}));
+}
