@@ -340,19 +340,19 @@ int DatabaseUtils::uploadFile(const TaskPtr &task, const ContextPtr &context)
     const QString key = fields[ItemKey];
     const QString url = hostWithScheme() + QStringLiteral("/%1?do=upload&session=%2&key=%3")
                                                .arg(kEndpoint, config(QStringLiteral("kKeySESSTION")), key);
+    // The record holds the MD5 of the contents as they are sent, from the start: a file written
+    // again during the upload (even in the same second) then differs from it and goes again, and
+    // a second report of the same write finds nothing new while the upload runs or waits.
+    fields[ItemMd5] = UploadFile::getMD5OfFileAtPath(path);
     if (!insertFile(fields, context))
         return kErrorReadXml;
     if (const FilePtr row = getFileWithKey(key, context)) {
         row->setUploadDone(false);
         saveContext(context, QStringLiteral("%1"));
     }
-    // The contents as they are sent: a file written again during the upload (even in the same
-    // second) then differs from its record and goes again.
-    const QString sentMd5 = UploadFile::getMD5OfFileAtPath(path);
     const QString status = UploadFile::uploadFileWithKey(key, path, url, 0, serverTime);
     if (status == u"done") {
         FV_LOG(QStringLiteral("Upload complete: %1").arg(name));
-        fields[ItemMd5] = sentMd5;
         if (!insertFile(fields, context))
             return kErrorReadXml;
         if (const FilePtr row = getFileWithKey(key, context)) {

@@ -292,6 +292,7 @@ private:
     std::atomic<bool> m_rescanWanted{false}; // a rescan is asked for and has not started yet
     std::atomic<bool> m_rescanBegun{false};  // the first rescan has started
     bool m_linkMadeBefore = false;           // main thread: a daemon link was made before
+    std::atomic<bool> m_linked{false};       // a daemon link has been made (and so watches)
 
     QThread *m_mainThreadCheck = nullptr;
     QThread *m_listenerQueue = nullptr;

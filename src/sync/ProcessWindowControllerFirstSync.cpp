@@ -13,6 +13,7 @@
 #include "util/Pace.h"
 #include "xml/GDataXMLNode.h"
 
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -129,6 +130,12 @@ void ProcessWindowController::firstTimeSync()
             FV_LOG(QStringLiteral("%1").arg(error.toString()));
     }
 
+    // The daemon reports what changes once it is linked: a rescan after that leaves nothing between
+    // the two, where one before it is followed by a second when the link comes (bounded wait).
+    QDeadlineTimer linkDeadline(Pace::ms(10000));
+    while (!m_linked && isAlive() && !linkDeadline.hasExpired())
+        QThread::msleep(10);
+    endThreadIfNotAlive();
     rescanSyncFolder();
     utils->setIsDoTask(false);
     endThreadIfNotAlive();

@@ -317,27 +317,29 @@ TEST_F(TaskExecutorTest, UploadsThatFailOrAreCancelledStayUntilStored)
 
 TEST_F(TaskExecutorTest, AFileWrittenAgainDuringItsUploadIsSentAgain)
 {
-    const QString file = at(QStringLiteral("f.txt"));
-    ASSERT_TRUE(TestUtil::writeFile(file, "aaaa"));
+    // Larger than what the connection holds: the upload is reading it when it is written again.
+    const QString file = at(QStringLiteral("f.bin"));
+    const QByteArray before(16 * 1024 * 1024, 'a'), after(16 * 1024 * 1024, 'b');
+    ASSERT_TRUE(TestUtil::writeFile(file, before));
     const QDateTime dated = QFileInfo(file).lastModified();
     server().delayReplies(QStringLiteral("UPLOAD"), 1500);
-    queue(1, QStringLiteral("f.txt"), false);
+    queue(1, QStringLiteral("f.bin"), false);
     auto finished = std::make_shared<std::atomic<bool>>(false);
     worker->post([this, finished] {
         db->doTask();
         *finished = true;
     });
-    ASSERT_TRUE(TestUtil::waitFor([] { return UploadFile::currentUpload() != nullptr; }));
+    ASSERT_TRUE(
+        TestUtil::waitFor([&] { return server().requestedCommands().contains(QStringLiteral("UPLOAD")); }));
     // Same size, same second: only the contents differ from what is being sent.
-    ASSERT_TRUE(TestUtil::writeFile(file, "bbbb"));
+    ASSERT_TRUE(TestUtil::writeFile(file, after));
     ASSERT_TRUE(setMTime(file, dated));
-    ASSERT_TRUE(TestUtil::waitFor([&] { return finished->load(); }));
+    ASSERT_TRUE(TestUtil::waitFor([&] { return finished->load(); }, 60000));
     ASSERT_TRUE(pendingTypes().isEmpty());
-    EXPECT_EQ(server().fileContents(ServerHarness::user(), QStringLiteral("f.txt")), "aaaa");
 
-    admit(5, QStringLiteral("f.txt"), false); // what the watcher reports of the second write
+    admit(5, QStringLiteral("f.bin"), false); // what the watcher reports of the second write
     ASSERT_TRUE(TestUtil::waitFor([&] { return pendingTypes().isEmpty() && !db->isDoTask(); }, 60000));
-    EXPECT_EQ(server().fileContents(ServerHarness::user(), QStringLiteral("f.txt")), "bbbb");
+    EXPECT_TRUE(server().fileContents(ServerHarness::user(), QStringLiteral("f.bin")) == after);
     expectSameEverywhere();
 }
 
