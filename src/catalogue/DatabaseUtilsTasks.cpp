@@ -48,8 +48,13 @@ TaskPtr DatabaseUtils::addTaskWithDictionary(const QVariantMap &dictionary, cons
             case Unchanged:
                 // Dates are kept to the second: written again in the second of its last transfer,
                 // a file is told changed by its contents (else the change would be lost).
-                if (!fileDiffersFromRecord(path, row->md5(), row->size()))
-                    return nullptr;
+                if (!fileDiffersFromRecord(path, row->md5(), row->size())) {
+                    // Contents whose upload never finished (cut short with the engine's end) go
+                    // again, unless a task for them is still waiting or under way.
+                    const FilePtr file = std::static_pointer_cast<File>(row);
+                    if (file->uploadDone().value_or(true) || getTaskWithPath(path, context))
+                        return nullptr;
+                }
                 type = 5;
                 break;
             case ChangedLocally:

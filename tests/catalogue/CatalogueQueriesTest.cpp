@@ -181,7 +181,16 @@ TEST_F(CatalogueQueriesTest, ItemsAtANewPlaceAreFoundByTimeAndNameOrByContent)
 namespace {
 
 // SameTimeOtherContents: dated the same second as the row, but no longer the row's contents.
-enum class Row { None, SameTime, SameTimeOtherContents, DiskNewer, DiskOlder, FileMissing };
+// SameTimeNotUploaded: the row's contents, but their upload never finished.
+enum class Row {
+    None,
+    SameTime,
+    SameTimeOtherContents,
+    SameTimeNotUploaded,
+    DiskNewer,
+    DiskOlder,
+    FileMissing
+};
 
 struct AdmissionCase
 {
@@ -221,9 +230,11 @@ TEST_P(TaskAdmissionTest, AdmitsOrFiltersTheChange)
         } else {
             // The row describes the file's "data", or other contents of the same size.
             const QByteArray described = c.row == Row::SameTimeOtherContents ? "dada" : "data";
-            addFile(QStringLiteral("k"), path, time,
-                    QString::fromLatin1(QCryptographicHash::hash(described, QCryptographicHash::Md5).toHex()))
-                ->setSize(QStringLiteral("4"));
+            const FilePtr row = addFile(
+                QStringLiteral("k"), path, time,
+                QString::fromLatin1(QCryptographicHash::hash(described, QCryptographicHash::Md5).toHex()));
+            row->setSize(QStringLiteral("4"));
+            row->setUploadDone(c.row != Row::SameTimeNotUploaded);
         }
     }
     if (c.pendingType) {
@@ -264,6 +275,9 @@ INSTANTIATE_TEST_SUITE_P(
                                     Row::SameTimeOtherContents, 0, 5},
                       AdmissionCase{"AddInTheSameSecondWithOtherContentsIsSent", 1, false,
                                     Row::SameTimeOtherContents, 0, 5},
+                      AdmissionCase{"UnfinishedUploadIsSentAgain", 5, false, Row::SameTimeNotUploaded, 0, 5},
+                      AdmissionCase{"UnfinishedUploadWithItsTaskWaitingStands", 5, false,
+                                    Row::SameTimeNotUploaded, 1, 0},
                       AdmissionCase{"AddOfNewerFileBecomesUpload", 1, false, Row::DiskNewer, 0, 5},
                       AdmissionCase{"AddOfOlderFileBecomesNoOp", 1, false, Row::DiskOlder, 0, 6},
                       AdmissionCase{"UpdateOfVanishedFileBecomesDelete", 5, false, Row::FileMissing, 0, 2},
