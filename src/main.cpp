@@ -53,6 +53,10 @@ struct CommandLine
     QCommandLineOption folder{QStringLiteral("folder"),
                               QStringLiteral("Set the sync folder (as the settings' Save)."),
                               QStringLiteral("path")};
+    QCommandLineOption pcName{QStringLiteral("pc-name"),
+                              QStringLiteral("Name this computer by (as the settings' computer name; "
+                                             "default: the host name)."),
+                              QStringLiteral("name")};
     QCommandLineOption sync{QStringLiteral("sync"), QStringLiteral("Switch sync on.")};
     QCommandLineOption once{QStringLiteral("once"),
                             QStringLiteral("Sync once (first sync or rescan, pending changes sent, one "
@@ -63,7 +67,7 @@ struct CommandLine
     void addTo(QCommandLineParser &parser) const
     {
         for (const QCommandLineOption &option :
-             {headless, domain, user, passwordStdin, folder, sync, once, verbose})
+             {headless, domain, user, passwordStdin, folder, pcName, sync, once, verbose})
             parser.addOption(option);
     }
 };
@@ -126,6 +130,7 @@ int main(int argc, char *argv[])
     settings.domain = parser.value(options.domain);
     settings.user = parser.value(options.user);
     settings.folder = parser.value(options.folder);
+    settings.pcName = parser.value(options.pcName);
     settings.sync = parser.isSet(options.sync);
     settings.once = parser.isSet(options.once);
     const bool anyCredential =
@@ -140,6 +145,8 @@ int main(int argc, char *argv[])
     }
     if (parser.isSet(options.folder) && settings.folder.isEmpty())
         return usageError(QStringLiteral("--folder needs a path"));
+    if (parser.isSet(options.pcName) && settings.pcName.trimmed().isEmpty())
+        return usageError(QStringLiteral("--pc-name needs a name"));
 
     if (!parser.isSet(options.headless)) {
         if (!qobject_cast<QApplication *>(app.get()))

@@ -221,7 +221,8 @@ int DatabaseUtils::runOneTask(const TaskPtr &task, const ContextPtr &context, bo
         result = uploadFile(task, context);
         if (result == kErrorReadXml)
             return result;
-        context->deleteObject(task);
+        if (result != -6) // an edit whose upload broke off stays, like a new file's: else it is lost
+            context->deleteObject(task);
         break;
     case 6:
         context->deleteObject(task);
@@ -311,6 +312,10 @@ int DatabaseUtils::uploadFile(const TaskPtr &task, const ContextPtr &context)
     const QString key = fields[ItemKey];
     const QString url = hostWithScheme() + QStringLiteral("/%1?do=upload&session=%2&key=%3")
                                                .arg(kEndpoint, config(QStringLiteral("kKeySESSTION")), key);
+    // The record holds the MD5 of the contents as they are sent, from the start: a file written
+    // again during the upload (even in the same second) then differs from it and goes again, and
+    // a second report of the same write finds nothing new while the upload runs or waits.
+    fields[ItemMd5] = UploadFile::getMD5OfFileAtPath(path);
     if (!insertFile(fields, context))
         return kErrorReadXml;
     if (const FilePtr row = getFileWithKey(key, context)) {
@@ -320,7 +325,6 @@ int DatabaseUtils::uploadFile(const TaskPtr &task, const ContextPtr &context)
     const QString status = UploadFile::uploadFileWithKey(key, path, url, 0, serverTime);
     if (status == u"done") {
         FV_LOG(QStringLiteral("Upload complete: %1").arg(name));
-        fields[ItemMd5] = UploadFile::getMD5OfFileAtPath(path);
         if (!insertFile(fields, context))
             return kErrorReadXml;
         if (const FilePtr row = getFileWithKey(key, context)) {
@@ -334,8 +338,9 @@ int DatabaseUtils::uploadFile(const TaskPtr &task, const ContextPtr &context)
     }
     postLogFromSync(LogObject::createLogObjectWithName(name, localizedString(QStringLiteral("work_add")),
                                                        size, relative, false, now, QString(), false));
-    // Cut off from outside: the task stays and is tried again.
-    return status == u"cancel" ? -6 : -1;
+    // Cut off or failed: the task stays and is tried again. A connection that broke before the
+    // verdict reads as "fail" too, and dropping the task would lose the change.
+    return -6;
 }
 
 // --- RENAME, DEL, MOVE ---

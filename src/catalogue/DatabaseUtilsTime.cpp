@@ -5,11 +5,14 @@
 #include "catalogue/CommandReplies.h"
 #include "catalogue/CommandTransport.h"
 #include "catalogue/DatabaseUtils.h"
+#include "protocol/UploadFile.h"
 #include "util/AppServices.h"
 #include "util/Log.h"
+#include "util/Pace.h"
 #include "xml/GDataXMLNode.h"
 
 #include <QCoreApplication>
+#include <QFileInfo>
 #include <QThread>
 
 namespace {
@@ -244,9 +247,11 @@ std::optional<QStringList> DatabaseUtils::getInfomationOfItemWithKey(const QStri
         QStringLiteral("<XML><INFO SESSION=\"%1\"><KEY>%2</KEY></INFO></XML>").arg(session, key);
 
     QByteArray data;
-    // No pause and no limit: only a reply, or the end of both the catalogue object and the calling
-    // thread, ends the loop.
-    while (data.isEmpty()) {
+    // No limit: only a reply, or the end of both the catalogue object and the calling thread, ends
+    // the loop. A second between tries, so that a server out of reach does not keep a core busy.
+    for (bool first = true; data.isEmpty(); first = false) {
+        if (!first)
+            Pace::sleep(1000);
         if (!isAlive() && QThread::currentThread()->isInterruptionRequested())
             return std::nullopt;
         data = postToServer(url, body);
@@ -282,6 +287,22 @@ int DatabaseUtils::checkFileIsModifierWithPath(const QString &path, const QStrin
     if (fileSecs == serverSecs)
         return Unchanged;
     return fileSecs > serverSecs ? ChangedLocally : OlderThanServer;
+}
+
+bool DatabaseUtils::fileDiffersFromRecord(const QString &path, const QString &md5, const QString &size)
+{
+    bool sizeOk = false;
+    const qint64 recorded = size.toLongLong(&sizeOk);
+    if (sizeOk && recorded >= 0 && QFileInfo(path).size() != recorded)
+        return true;
+    return md5.isEmpty() || UploadFile::getMD5OfFileAtPath(path) != md5;
+}
+
+bool DatabaseUtils::serverCopyReplacesSameSecond(const QString &path, const FilePtr &row,
+                                                 const QString &serverMd5)
+{
+    return row && !serverMd5.isEmpty() && !row->md5().isEmpty() && serverMd5 != row->md5() &&
+           !fileDiffersFromRecord(path, row->md5(), row->size());
 }
 
 QList<DirectoryPtr> DatabaseUtils::getAllDirectoryChangedWithManagedObjectContext(const ContextPtr &context)

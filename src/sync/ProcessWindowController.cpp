@@ -135,6 +135,18 @@ ProcessWindowController::ProcessWindowController(AppServices *appDelegate, QObje
     m_workerReceiver->moveToThread(m_mainThreadCheck);
     m_mainThreadCheck->start();
 
+    // A daemon that went away unseen by the socket (killed while the bus still named it, so the
+    // start went to no one) is started again.
+    connect(m_daemonLauncher.get(), &DaemonLauncher::daemonGone, this, [this] {
+        if (!isAlive())
+            return;
+        FV_LOG(QStringLiteral("The watcher daemon has gone: starting the listener again"));
+        stopLiveTimer();
+        dropSocket(); // its end must not restart the listener a second time
+        endListener();
+        beginListener();
+    });
+
     postToWorker([this] { firstTimeSync(); });
 }
 

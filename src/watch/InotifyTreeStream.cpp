@@ -169,6 +169,7 @@ void InotifyTreeStream::handleEvent(int wd, std::uint32_t mask, std::uint32_t co
 {
     if (mask & IN_Q_OVERFLOW) {
         FV_LOG(u"The kernel's event queue overflowed: changes under %1 were lost"_qs.arg(m_root));
+        addRecord(m_root, MustScanSubDirs | ItemIsDir);
         return;
     }
     if (wd == m_parentWd && m_parentWd >= 0) {

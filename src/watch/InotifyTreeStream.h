@@ -10,6 +10,9 @@
 // a folder of the root's name appears there again; then the new tree is watched and its contents are
 // reported as created (the root itself is not: it is the watched folder, not an item in it).
 //
+// When the kernel's event queue overflows, a record for the root with MustScanSubDirs says that
+// changes were lost.
+//
 // Lives on the thread that creates it and calls back on that thread's event loop. Stops (and
 // delivers nothing more) on stop() or destruction. Folders that cannot be watched are reported on
 // the diagnostic log (a full kernel watch table once per stream) and the rest stays watched.
