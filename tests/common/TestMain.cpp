@@ -10,10 +10,16 @@ using TestApplication = QApplication;
 using TestApplication = QCoreApplication;
 #endif
 
+#include "util/Log.h"
+
 #include <QList>
 #include <QMutex>
+#include <QProcess>
+#include <QStandardPaths>
+#include <csignal>
 #include <cstdio>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 
 namespace {
 
@@ -88,14 +94,40 @@ int ExpectedQtWarning::count() const
     return 0;
 }
 
+// A session bus of this process's own, started before anything connects to a bus: the names the
+// tests hold and the watcher daemons a client under test starts are nobody else's, and they end
+// with the bus when the tests are done (a daemon left running would keep ctest waiting on its
+// output).
+static void startOwnBus(QProcess &bus)
+{
+    const QString program = QStandardPaths::findExecutable(QStringLiteral("dbus-daemon"));
+    if (program.isEmpty())
+        return;
+    // Ends with this process even when a test crashes it.
+    bus.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
+    bus.start(program, {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address=1")});
+    if (bus.waitForStarted(5000) && bus.waitForReadyRead(10000)) {
+        const QByteArray address = bus.readLine().trimmed();
+        if (!address.isEmpty())
+            qputenv("DBUS_SESSION_BUS_ADDRESS", address);
+    }
+}
+
 int main(int argc, char **argv)
 {
     g_previous = qInstallMessageHandler(checkMessage);
+    // Diagnostics on stderr when a failure needs them.
+    Log::setVerbose(qEnvironmentVariableIsSet("FERROVANE_TEST_VERBOSE"));
     int result;
     {
         TestApplication app(argc, argv);
+        QProcess bus;
+        startOwnBus(bus);
         ::testing::InitGoogleTest(&argc, argv);
         result = RUN_ALL_TESTS();
+        bus.terminate();
+        if (!bus.waitForFinished(3000))
+            bus.kill();
         // The application object goes first, so that warnings of its teardown count too.
     }
     QMutexLocker lock(&g_mutex);
