@@ -162,6 +162,7 @@ void AdminApi::requestReceived(HttpConnection *connection, HttpRequest &request)
                 fault.kind = *kind;
                 fault.command = body.value(QStringLiteral("command")).toString(QStringLiteral("*"));
                 fault.count = body.value(QStringLiteral("count")).toInt(1);
+                fault.skip = body.value(QStringLiteral("skip")).toInt(0);
                 fault.status = body.value(QStringLiteral("status")).toInt(500);
                 fault.body = body.value(QStringLiteral("body")).toString(QStringLiteral("-3")).toUtf8();
                 fault.delayMs = body.value(QStringLiteral("ms")).toInt(0);

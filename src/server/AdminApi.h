@@ -14,7 +14,7 @@
 //   POST /rename           {"user","path","name","pcname"}
 //   POST /move             {"user","path","dest","pcname"}         ("dest" "" is the sync folder)
 //   POST /delete           {"user","path","pcname"}
-//   POST /fault            {"kind","command","count","status","body","ms","result","bytes"}
+//   POST /fault            {"kind","command","count","skip","status","body","ms","result","bytes"}
 //        kinds: drop, cut-reply, drop-after, status, body, delay, refuse-upload, cut-download
 //   GET  /faults           {"ok":true,"pending":n}  (fault counts not yet used up)
 //   POST /faults/clear

@@ -41,6 +41,10 @@ std::optional<Fault> FaultPlan::take(const QString &command)
             continue;
         if (fault.kind == Fault::Kind::CutDownload && command != u"DOWNLOAD")
             continue;
+        if (fault.skip > 0) {
+            --fault.skip;
+            continue;
+        }
         Fault taken = fault;
         if (--fault.count <= 0)
             m_faults.removeAt(i);
@@ -60,6 +64,6 @@ int FaultPlan::pending() const
     QMutexLocker lock(&m_mutex);
     int total = 0;
     for (const Fault &fault : m_faults)
-        total += fault.count;
+        total += fault.count; // a fault still skipping is pending too
     return total;
 }

@@ -1,8 +1,9 @@
 #pragma once
 // Faults to inject into the server's next replies, for tests of the client's failure handling.
 // Each fault names a command (LOGIN ... INFO, UPLOAD, DOWNLOAD, UPDATE, PACKAGE, or "*" for any)
-// and how many of its next requests it hits; the first matching fault in insertion order is
-// taken. Thread-safe.
+// and how many of its next requests it hits, after letting `skip` of them through untouched (so a
+// test can fail exactly the Nth request); the first matching fault in insertion order is taken.
+// Thread-safe.
 
 #include <QByteArray>
 #include <QList>
@@ -30,6 +31,7 @@ struct Fault
     Kind kind = Kind::Drop;
     QString command;
     int count = 1;
+    int skip = 0; // matching requests let through before the first one hit
     int status = 500;
     QByteArray body;
     int delayMs = 0;
