@@ -4,6 +4,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QRandomGenerator>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -13,6 +14,8 @@
 namespace CataloguePaths {
 
 namespace {
+
+constexpr const char *kDownloadPartPrefix = ".ferrovane-part-";
 
 bool isClean(const QString &path)
 {
@@ -128,6 +131,17 @@ QString nameAsSpelled(const QString &name, const QString &path)
                                   name.normalized(QString::NormalizationForm_C)
                ? spelled
                : name;
+}
+
+QString downloadPartPath(const QString &path)
+{
+    return deletingLastPathComponent(path) + u'/' + QLatin1String(kDownloadPartPrefix) +
+           QString::number(QRandomGenerator::global()->generate64(), 16).rightJustified(16, u'0');
+}
+
+bool isDownloadPart(const QString &path)
+{
+    return lastPathComponent(path).startsWith(QLatin1String(kDownloadPartPrefix));
 }
 
 bool itemExists(const QString &path, bool *isFolder)

@@ -34,6 +34,13 @@ QString localSpelling(const QString &path, const QString &root);
 // `name` as the last component of `path` spells it, when the two are the same name.
 QString nameAsSpelled(const QString &name, const QString &path);
 
+// Downloads are written beside their file under a hidden name of their own and take the file's
+// place only when complete, so a download cut short (the program killed, the disk full) never
+// leaves half a file that would then be taken for a local change. Such a part is no item of the
+// sync folder: it is never sent to the server.
+QString downloadPartPath(const QString &path);
+bool isDownloadPart(const QString &path); // by its last component
+
 // Whether something exists at `path` (a dangling link counts); `isFolder` tells a folder.
 bool itemExists(const QString &path, bool *isFolder = nullptr);
 // The item's modification date; invalid when its attributes cannot be read.

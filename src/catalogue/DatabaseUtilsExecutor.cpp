@@ -13,10 +13,14 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QHash>
 #include <QSet>
 #include <QThread>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 
 namespace {
 
@@ -509,7 +513,20 @@ bool DatabaseUtils::downloadFileTo(const QString &path, const QString &name, QSt
     QDir().mkpath(CataloguePaths::deletingLastPathComponent(path));
     const QString url = hostWithScheme() + QStringLiteral("/%1?do=download&session=%2&key=%3")
                                                .arg(kEndpoint, config(QStringLiteral("kKeySESSTION")), key);
-    const bool ok = DownloadFile::downloadFileFromURL(url, path, md5_p, serverTimeToLocalTime(serverTime));
+    // Into a part beside the file, which takes the file's place only once complete: a download
+    // cut short never leaves a shorter or mixed file (which the next scan would send back up), and
+    // a file being replaced stays whole until then.
+    const QString part = CataloguePaths::downloadPartPath(path);
+    QString digest;
+    bool ok = DownloadFile::downloadFileFromURL(url, part, &digest, serverTimeToLocalTime(serverTime));
+    if (ok && ::rename(QFile::encodeName(part).constData(), QFile::encodeName(path).constData()) != 0) {
+        FV_LOG(QStringLiteral("Cannot replace %1: %2").arg(path, QString::fromLocal8Bit(std::strerror(errno))));
+        ok = false;
+    }
+    if (!ok)
+        QFile::remove(part);
+    else if (md5_p && !digest.isEmpty())
+        *md5_p = digest;
     notifyUser(QStringLiteral("download_complete"), QStringLiteral("file"), name);
     Pace::sleep(1000);
     return ok;

@@ -291,6 +291,9 @@ private:
     std::atomic<int> m_pendingWorkerJobs{0};
     std::atomic<bool> m_rescanWanted{false}; // a rescan is asked for and has not started yet
     std::atomic<bool> m_rescanBegun{false};  // the first rescan has started
+    // The start's rescan runs before this engine downloads anything else: the download parts it
+    // finds were left by a download cut short, and are removed.
+    std::atomic<bool> m_removeDownloadParts{false};
     bool m_linkMadeBefore = false;           // main thread: a daemon link was made before
     std::atomic<bool> m_linked{false};       // a daemon link has been made (and so watches)
 

@@ -124,6 +124,11 @@ void ProcessWindowController::firstTimeSync()
                 Pace::sleep(500);
             }
         }
+        // The finished walk and the time it read the tree as of are saved together: saved apart, a
+        // stop between the two would leave a finished walk without a last check, and the next start
+        // would take the server's time then, losing every change made in between.
+        if (!beforeWalk.isEmpty() && (info->lastUpdate().isEmpty() || info->lastUpdate() < beforeWalk))
+            info->setLastUpdate(beforeWalk);
         info->setFirstSync(true);
         FvError error;
         if (!context->save(&error))
@@ -136,7 +141,9 @@ void ProcessWindowController::firstTimeSync()
     while (!m_linked && isAlive() && !linkDeadline.hasExpired())
         QThread::msleep(10);
     endThreadIfNotAlive();
+    m_removeDownloadParts = true;
     rescanSyncFolder();
+    m_removeDownloadParts = false;
     utils->setIsDoTask(false);
     endThreadIfNotAlive();
     startAnimation();
@@ -240,6 +247,11 @@ void ProcessWindowController::folderUtilHasItemAtPath(FolderUtil *util, const QS
     }
     if (isFolder && path == this->path())
         return; // the sync folder itself is no item of it
+    if (!isFolder && CataloguePaths::isDownloadPart(path)) {
+        if (m_removeDownloadParts && QFile::remove(path))
+            FV_LOG(QStringLiteral("Removed the part of a download cut short: %1").arg(path));
+        return;
+    }
     runOnListenerAndWait([&] {
         if (isFolder)
             directoryWasAdded(path);
@@ -404,26 +416,6 @@ void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLE
 bool ProcessWindowController::downloadInto(const QString &local, const QString &name, QString *md5,
                                            const QString &key, const QString &serverTime)
 {
-    const std::shared_ptr<DatabaseUtils> utils = db();
-    if (!CataloguePaths::itemExists(local))
-        return utils->downloadFileTo(local, name, md5, key, serverTime);
-    // A download writes over a file without shortening it: a new copy is made beside the old one and
-    // takes its place only once it is complete, so a shorter or failed copy never leaves a mix.
-    const QString partName = QStringLiteral(".ferrovane-%1")
-                                 .arg(QRandomGenerator::global()->generate64(), 16, 16, QLatin1Char('0'));
-    const QString part = CataloguePaths::deletingLastPathComponent(local) + u'/' + partName;
-    QString digest;
-    if (!utils->downloadFileTo(part, partName, &digest, key, serverTime)) {
-        QFile::remove(part);
-        return false;
-    }
-    if (::rename(QFile::encodeName(part).constData(), QFile::encodeName(local).constData()) != 0) {
-        FV_LOG(
-            QStringLiteral("Cannot replace %1: %2").arg(local, QString::fromLocal8Bit(std::strerror(errno))));
-        QFile::remove(part);
-        return false;
-    }
-    if (md5 && !digest.isEmpty())
-        *md5 = digest;
-    return true;
+    // The download is written beside the file and replaces it only once complete.
+    return db()->downloadFileTo(local, name, md5, key, serverTime);
 }
