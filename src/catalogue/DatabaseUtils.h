@@ -45,6 +45,8 @@ public:
     // Result of a task command that met a reply which is not XML ("Error read xml"): the run ends
     // and the task stays. Never a server code (those are small).
     static constexpr int kErrorReadXml = -1000000;
+    // The server's result code for a key it does not know (an item already gone).
+    static constexpr int kUnknownItem = -4;
 
     static std::shared_ptr<DatabaseUtils> instance();
     static void destroy();

@@ -426,12 +426,16 @@ int DatabaseUtils::deleteTask(const TaskPtr &task, const ContextPtr &context)
         return -6;
     const QString name = row->name();
     for (const auto &item : CommandReplies::items(reply.document, QStringLiteral("DEL"))) {
+        // A DEL the server carried out but whose reply was lost is sent again and answered "unknown
+        // item": the item is gone from the server as asked, so its row goes as after a plain success
+        // (kept, it would stand for a file that is nowhere and be deleted again at every start).
         const int code = CommandReplies::itemCode(item);
+        const bool done = code == 1 || code == kUnknownItem;
         postLogFromSync(LogObject::createLogObjectWithName(
             name, localizedString(QStringLiteral("work_delete")), folder ? -1 : row->size().toLongLong(),
             CataloguePaths::relativePath(path, root), folder, localTimeFromDate(QDateTime::currentDateTime()),
-            QString(), code == 1));
-        if (code != 1 || row->isDeleted())
+            QString(), done));
+        if (!done || row->isDeleted())
             continue;
         postActivityText(
             (folder ? QStringLiteral("Sent delete folder: %1") : QStringLiteral("Sent delete file: %1"))

@@ -26,6 +26,7 @@
 #include "watch/FSEventsListener.h"
 #include "watch/VDKQueue.h"
 
+#include <QHash>
 #include <QList>
 #include <QMutex>
 #include <QObject>
@@ -294,6 +295,11 @@ private:
     // The start's rescan runs before this engine downloads anything else: the download parts it
     // finds were left by a download cut short, and are removed.
     std::atomic<bool> m_removeDownloadParts{false};
+    // A work-list item whose file could not be fetched ends the pass before the last check passes
+    // it; the failures per key (listener queue only) bound how often one file is tried.
+    static constexpr int kDownloadAttempts = 3;
+    std::atomic<bool> m_workItemFailed{false};
+    QHash<QString, int> m_downloadFailures;
     bool m_linkMadeBefore = false;           // main thread: a daemon link was made before
     std::atomic<bool> m_linked{false};       // a daemon link has been made (and so watches)
 

@@ -391,6 +391,12 @@ void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLE
             name, DatabaseUtils::localizedString(QStringLiteral("work_add")), size.toLongLong(),
             CataloguePaths::relativePath(local, root), false, utils->serverTimeToLocalTimeStr(time),
             QString(), ok));
+        if (!ok) {
+            // Recorded without its contents here, the file would look deleted (or, when an older copy
+            // is here, edited) to the next scan, which would then delete or overwrite it on the server.
+            FV_LOG(QStringLiteral("Download failed, not recorded: %1").arg(local));
+            return;
+        }
     }
     if (!row) {
         row = context->insertNewObject<File>();
@@ -416,6 +422,14 @@ void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLE
 bool ProcessWindowController::downloadInto(const QString &local, const QString &name, QString *md5,
                                            const QString &key, const QString &serverTime)
 {
-    // The download is written beside the file and replaces it only once complete.
-    return db()->downloadFileTo(local, name, md5, key, serverTime);
+    // The download is written beside the file and replaces it only once complete. A reply lost on
+    // the way is asked for again a few times, a second apart, before the file is given up for now.
+    for (int attempt = 1;; ++attempt) {
+        if (db()->downloadFileTo(local, name, md5, key, serverTime))
+            return true;
+        if (attempt == kDownloadAttempts || !isAlive() || !CataloguePaths::isSafeName(name) ||
+            !CataloguePaths::isInside(local, path()))
+            return false;
+        Pace::sleep(1000);
+    }
 }

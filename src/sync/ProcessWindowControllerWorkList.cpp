@@ -93,6 +93,7 @@ QString ProcessWindowController::readWorkList(const std::shared_ptr<GDataXMLDocu
     const auto lists =
         root ? root->elementsForName(QStringLiteral("WORKLIST")) : QList<std::shared_ptr<GDataXMLElement>>();
     QString lastId;
+    m_workItemFailed = false;
     for (const auto &list : lists) {
         lastId = attribute(list, QStringLiteral("ID"));
         for (const auto &child : childElements(list)) {
@@ -109,6 +110,8 @@ QString ProcessWindowController::readWorkList(const std::shared_ptr<GDataXMLDocu
                 moveObjectWithXmlElement(child);
             // Each change is applied before the next is read; the last check follows it.
             nextTask();
+            if (m_workItemFailed)
+                return {}; // the last check stays before this change: the next pass starts with it
             const QString id = attribute(child, QStringLiteral("ID"));
             if (!id.isEmpty())
                 updateLastCheck(context, id);
@@ -306,8 +309,17 @@ void ProcessWindowController::applyTask(const ProcessTask &task,
                 return;
         }
         QString md5 = record.at(DatabaseUtils::ItemMd5);
-        if (!downloadInto(local, name, &md5, key, time))
+        if (!downloadInto(local, name, &md5, key, time)) {
+            // Not applied: the pass stops before it, so the next pass asks for it again (a file the
+            // server never delivers is given up after a few passes, not kept blocking the rest).
+            if (CataloguePaths::isSafeName(name) && CataloguePaths::isInside(local, root) &&
+                ++m_downloadFailures[key] < kDownloadAttempts)
+                m_workItemFailed = true;
+            else
+                FV_LOG(QStringLiteral("Download given up: %1").arg(local));
             return;
+        }
+        m_downloadFailures.remove(key);
         record[DatabaseUtils::ItemMd5] = md5;
         utils->insertFile(record, context);
         if (utils->getFileWithPath(local, context))

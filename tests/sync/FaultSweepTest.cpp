@@ -5,9 +5,11 @@
 // server, in the sync folder and in the catalogue, and no task left.
 #include "EngineTestSupport.h"
 #include "catalogue/DatabaseUtils.h"
+#include "util/Log.h"
 
 #include <QDir>
 #include <QFile>
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <sqlite3.h>
@@ -181,10 +183,22 @@ private:
     QTemporaryDir m_syncDir;
 };
 
+// FERROVANE_SWEEP_ONLY=N replays the one N of a failing sweep, with diagnostics on stderr (which
+// FERROVANE_SWEEP_VERBOSE=1 turns on for a whole sweep).
+int only()
+{
+    return qEnvironmentVariableIntValue("FERROVANE_SWEEP_ONLY");
+}
+
 class FaultSweepTest : public ::testing::Test
 {
 protected:
-    void SetUp() override { StoreWriteFaults::install(); }
+    void SetUp() override
+    {
+        StoreWriteFaults::install();
+        Log::setVerbose(only() > 0 || qEnvironmentVariableIsSet("FERROVANE_SWEEP_VERBOSE"));
+    }
+    void TearDown() override { Log::setVerbose(false); }
 
     // The whole run; `fault` is armed once the account is prepared. True when each step came
     // into step by itself; a step that did not (the engine stalled, or out of step for long) is
@@ -254,7 +268,7 @@ TEST_F(FaultSweepTest, AFailedCatalogueWriteAnywhereInARunLeavesTheSameEndState)
     ASSERT_FALSE(HasFailure());
     ASSERT_GT(commits, 5);
     std::printf("sweeping %d catalogue writes\n", commits);
-    for (int n = 1; n <= commits; ++n) {
+    for (int n = std::max(1, only()); n <= (only() ? only() : commits); ++n) {
         const std::string what = "catalogue write " + std::to_string(n) + " of " + std::to_string(commits);
         SyncRun run;
         ASSERT_TRUE(run.ok());
@@ -278,7 +292,7 @@ TEST_F(FaultSweepTest, ALostReplyAnywhereInARunLeavesTheSameEndState)
     std::printf("sweeping %d requests, twice\n", requests);
     // A reply cut off before the request was carried out, and one lost after it was.
     for (const Fault::Kind kind : {Fault::Kind::CutReply, Fault::Kind::DropAfterProcessing}) {
-        for (int n = 1; n <= requests; ++n) {
+        for (int n = std::max(1, only()); n <= (only() ? only() : requests); ++n) {
             const std::string what = std::string(kind == Fault::Kind::CutReply ? "cut reply " : "lost reply ") +
                                      std::to_string(n) + " of " + std::to_string(requests);
             SyncRun run;
