@@ -524,7 +524,8 @@ bool DatabaseUtils::downloadFileTo(const QString &path, const QString &name, QSt
     QString digest;
     bool ok = DownloadFile::downloadFileFromURL(url, part, &digest, serverTimeToLocalTime(serverTime));
     if (ok && ::rename(QFile::encodeName(part).constData(), QFile::encodeName(path).constData()) != 0) {
-        FV_LOG(QStringLiteral("Cannot replace %1: %2").arg(path, QString::fromLocal8Bit(std::strerror(errno))));
+        FV_LOG(
+            QStringLiteral("Cannot replace %1: %2").arg(path, QString::fromLocal8Bit(std::strerror(errno))));
         ok = false;
     }
     if (!ok)

@@ -300,8 +300,8 @@ private:
     static constexpr int kDownloadAttempts = 3;
     std::atomic<bool> m_workItemFailed{false};
     QHash<QString, int> m_downloadFailures;
-    bool m_linkMadeBefore = false;           // main thread: a daemon link was made before
-    std::atomic<bool> m_linked{false};       // a daemon link has been made (and so watches)
+    bool m_linkMadeBefore = false;     // main thread: a daemon link was made before
+    std::atomic<bool> m_linked{false}; // a daemon link has been made (and so watches)
 
     QThread *m_mainThreadCheck = nullptr;
     QThread *m_listenerQueue = nullptr;

@@ -459,7 +459,8 @@ void ProcessWindowController::storeTask(qint64 type, const QString &name, const 
         return;
     // A download being written (or put in place: the part renamed over the file) is no local
     // change; the download records the file itself.
-    if (CataloguePaths::isDownloadPart(path) || (!newPath.isEmpty() && CataloguePaths::isDownloadPart(newPath)))
+    if (CataloguePaths::isDownloadPart(path) ||
+        (!newPath.isEmpty() && CataloguePaths::isDownloadPart(newPath)))
         return;
     QDateTime time;
     if (!folder && fileStillThere)

@@ -26,7 +26,8 @@ public:
     static void install()
     {
         static const bool installed = [] {
-            return sqlite3_auto_extension(reinterpret_cast<void (*)()>(&StoreWriteFaults::onOpen)) == SQLITE_OK;
+            return sqlite3_auto_extension(reinterpret_cast<void (*)()>(&StoreWriteFaults::onOpen)) ==
+                   SQLITE_OK;
         }();
         EXPECT_TRUE(installed);
     }
@@ -86,7 +87,8 @@ public:
         ASSERT_FALSE(server().putFile(user, QStringLiteral("Docs/a.txt"), "alpha").isEmpty());
         ASSERT_FALSE(server().putFile(user, QStringLiteral("Docs/Deep/b.txt"), "beta").isEmpty());
         ASSERT_FALSE(server().putFile(user, QStringLiteral("top.txt"), "top").isEmpty());
-        ASSERT_TRUE(TestUtil::writeFile(root + QStringLiteral("/Mine/own.txt"), "made here before the first sync"));
+        ASSERT_TRUE(
+            TestUtil::writeFile(root + QStringLiteral("/Mine/own.txt"), "made here before the first sync"));
         openStore();
         const auto context = services->managedObjectContext();
         const InfomationPtr info = context->insertNewObject<Infomation>();
@@ -143,11 +145,17 @@ public:
         const Tree onServer = serverTree(server(), ServerHarness::user(), true);
         return strip(onServer) == localTree(root) && onServer == catalogue() && tasks() == 0;
     }
-    bool waitInStep(int timeoutMs) { return TestUtil::waitFor([this] { return inStep(); }, timeoutMs); }
+    bool waitInStep(int timeoutMs)
+    {
+        return TestUtil::waitFor([this] { return inStep(); }, timeoutMs);
+    }
 
     Tree serverPlain() { return strip(serverTree(server(), ServerHarness::user(), true)); }
     Tree catalogue() { return catalogueTree(*services->managedObjectContext(), root, true); }
-    int tasks() { return services->managedObjectContext()->countForFetchRequest({QStringLiteral("Task"), {}, {}, 0}); }
+    int tasks()
+    {
+        return services->managedObjectContext()->countForFetchRequest({QStringLiteral("Task"), {}, {}, 0});
+    }
     QString at(const char *relative) const { return root + u'/' + QLatin1String(relative); }
 
     std::unique_ptr<ServerHarness> harness;
@@ -253,7 +261,8 @@ protected:
         *commits = StoreWriteFaults::commits();
         *requests = int(run.server().requestedCommands().size());
         const Tree end = run.serverPlain();
-        EXPECT_TRUE(end.contains(QStringLiteral("renamed.txt")) && end.contains(QStringLiteral("Mine/own.txt")))
+        EXPECT_TRUE(end.contains(QStringLiteral("renamed.txt")) &&
+                    end.contains(QStringLiteral("Mine/own.txt")))
             << end;
         return end;
     }
@@ -293,8 +302,9 @@ TEST_F(FaultSweepTest, ALostReplyAnywhereInARunLeavesTheSameEndState)
     // A reply cut off before the request was carried out, and one lost after it was.
     for (const Fault::Kind kind : {Fault::Kind::CutReply, Fault::Kind::DropAfterProcessing}) {
         for (int n = std::max(1, only()); n <= (only() ? only() : requests); ++n) {
-            const std::string what = std::string(kind == Fault::Kind::CutReply ? "cut reply " : "lost reply ") +
-                                     std::to_string(n) + " of " + std::to_string(requests);
+            const std::string what =
+                std::string(kind == Fault::Kind::CutReply ? "cut reply " : "lost reply ") +
+                std::to_string(n) + " of " + std::to_string(requests);
             SyncRun run;
             ASSERT_TRUE(run.ok());
             play(run, [&] {
