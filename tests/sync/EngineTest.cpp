@@ -3,6 +3,7 @@
 // time, and a disconnect in the middle of a pass. States are compared whole: the server's tree with
 // its MD5s, the sync folder and the catalogue.
 #include "EngineTestSupport.h"
+#include "catalogue/CataloguePaths.h"
 #include "catalogue/DatabaseUtils.h"
 
 #include <QDir>
@@ -342,4 +343,18 @@ TEST_F(EngineTest, DisconnectInThePassLeavesAConsistentStoreAndStartsNoNewTick)
     ASSERT_TRUE(waitInStep()) << local() << server();
     expectInStep();
     EXPECT_LE(commands().count(QStringLiteral("DOWNLOAD")), kFiles - filesThen + 1);
+}
+
+TEST_F(EngineTest, APartLeftByADownloadCutShortIsRemovedAtStartAndNeverSent)
+{
+    ASSERT_FALSE(srv().putFile(user(), QStringLiteral("Docs/a.txt"), "alpha, whole").isEmpty());
+    // What a client killed in the middle of fetching a.txt leaves behind.
+    const QString part = CataloguePaths::downloadPartPath(at(QStringLiteral("Docs/a.txt")));
+    ASSERT_TRUE(TestUtil::writeFile(part, "alpha, wh"));
+    start();
+    ASSERT_TRUE(waitInStep()) << local() << server();
+    expectInStep();
+    EXPECT_FALSE(QFileInfo::exists(part));
+    EXPECT_EQ(server().size(), 2) << server(); // Docs and Docs/a.txt, nothing more
+    EXPECT_EQ(TestUtil::readFile(at(QStringLiteral("Docs/a.txt"))), "alpha, whole");
 }
