@@ -208,6 +208,8 @@ protected:
     }
     void TearDown() override { Log::setVerbose(false); }
 
+    TestUtil::TempDataHome dataHome; // the trash and anything else kept in the data folder
+
     // The whole run; `fault` is armed once the account is prepared. True when each step came
     // into step by itself; a step that did not (the engine stalled, or out of step for long) is
     // followed by a restart, after which it must come into step.
