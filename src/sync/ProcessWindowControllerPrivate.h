@@ -5,6 +5,7 @@
 #include "sync/ProcessWindowController.h"
 
 #include <QMutex>
+#include <QSet>
 #include <QString>
 #include <QThread>
 #include <functional>
@@ -27,6 +28,10 @@ struct ProcessWindowController::Fields
     std::shared_ptr<FolderUtil> folderUtil;
     QList<QStringList> listDownload;
     QList<ProcessTask> listTask;
+    // Files of the first synchronisation whose fetch failed, as work-list adds to apply again.
+    QList<ProcessTask> missedDownloads;
+    // Local paths the user has been told do not fit on the disk.
+    QSet<QString> reportedNoSpace;
     QTimer *checkSyncTimer = nullptr; // lives on the worker, child of its receiver
 };
 
