@@ -493,6 +493,28 @@ int DatabaseUtils::moveTask(const TaskPtr &task, const ContextPtr &context)
             return -6; // tried again once the parent folder is on the server
         destination = parent->key();
     }
+    // Moved under another name (one step on disk): MOVE keeps the name, so the server's item is
+    // renamed first, in the folder it leaves, where the new name replaces nothing of the user's.
+    const QString newName = CataloguePaths::lastPathComponent(newPath);
+    if (composed(newName) != composed(CataloguePaths::lastPathComponent(oldPath))) {
+        const CommandReply renamed =
+            sentRequestWithBody(opening(QStringLiteral("RENAME"), m_macName) +
+                                QStringLiteral("<KEY NAME=\"%1\">%2</KEY>").arg(composed(newName), row->key()) +
+                                closing(QStringLiteral("RENAME")));
+        if (renamed.unreadable)
+            return kErrorReadXml;
+        if (!renamed.document)
+            return -6;
+        const auto items = CommandReplies::items(renamed.document, QStringLiteral("RENAME"));
+        if (items.isEmpty() || CommandReplies::itemCode(items.first()) != 1) {
+            const std::optional<QStringList> known = serverItem(row->key());
+            if (!known)
+                return -6;
+            if (known->isEmpty() ||
+                known->at(0).normalized(QString::NormalizationForm_C) != newName.normalized(QString::NormalizationForm_C))
+                FV_LOG(QStringLiteral("The server did not take the new name of %1 moved to %2").arg(oldPath, newPath));
+        }
+    }
     const CommandReply reply = sentRequestWithBody(
         opening(QStringLiteral("MOVE"), m_macName) +
         QStringLiteral("<KEY DEST=\"%1\" SRC=\"%2\" FORCE=\"1\"></KEY>").arg(destination, row->key()) +

@@ -201,6 +201,12 @@ TEST_P(LostReplyTest, EveryCommandCarriedOutTwiceLeavesOneItemPerPathAndTheRight
              expected.insert(QStringLiteral("/target/travels.txt"),
                              expected.take(QStringLiteral("/travels.txt")));
          }},
+        {"file moved under another name", "MOVE",
+         [&] {
+             ASSERT_TRUE(root.rename(QStringLiteral("new name.txt"), QStringLiteral("docs/third name.txt")));
+             expected.insert(QStringLiteral("/docs/third name.txt"),
+                             expected.take(QStringLiteral("/new name.txt")));
+         }},
         {"folder moved", "MOVE",
          [&] {
              ASSERT_TRUE(root.rename(QStringLiteral("travelling"), QStringLiteral("target/travelling")));
@@ -288,9 +294,10 @@ TEST_F(FaultsTest, QueueOverflowEndsTheLinkAndTheRescanFindsEveryChange)
     auto a = std::make_unique<Computer>(QStringLiteral("a"), server);
     ASSERT_TRUE(a->startSyncing(kUser, kPassword));
     ASSERT_TRUE(converge({a.get()}));
-    const qint64 daemon = a->daemonPid();
-    ASSERT_GT(daemon, 0);
     const QString linked = QStringLiteral("Connect to socket server complete");
+    ASSERT_TRUE(waitFor([&] { return a->daemonPid() > 0 && linesWith(*a, QStringLiteral("message"), linked) > 0; },
+                        kConverge));
+    const qint64 daemon = a->daemonPid();
     const int links = linesWith(*a, QStringLiteral("message"), linked);
 
     QFile limitFile(QStringLiteral("/proc/sys/fs/inotify/max_queued_events"));
