@@ -497,10 +497,10 @@ int DatabaseUtils::moveTask(const TaskPtr &task, const ContextPtr &context)
     // renamed first, in the folder it leaves, where the new name replaces nothing of the user's.
     const QString newName = CataloguePaths::lastPathComponent(newPath);
     if (composed(newName) != composed(CataloguePaths::lastPathComponent(oldPath))) {
-        const CommandReply renamed =
-            sentRequestWithBody(opening(QStringLiteral("RENAME"), m_macName) +
-                                QStringLiteral("<KEY NAME=\"%1\">%2</KEY>").arg(composed(newName), row->key()) +
-                                closing(QStringLiteral("RENAME")));
+        const CommandReply renamed = sentRequestWithBody(
+            opening(QStringLiteral("RENAME"), m_macName) +
+            QStringLiteral("<KEY NAME=\"%1\">%2</KEY>").arg(composed(newName), row->key()) +
+            closing(QStringLiteral("RENAME")));
         if (renamed.unreadable)
             return kErrorReadXml;
         if (!renamed.document)
@@ -510,9 +510,10 @@ int DatabaseUtils::moveTask(const TaskPtr &task, const ContextPtr &context)
             const std::optional<QStringList> known = serverItem(row->key());
             if (!known)
                 return -6;
-            if (known->isEmpty() ||
-                known->at(0).normalized(QString::NormalizationForm_C) != newName.normalized(QString::NormalizationForm_C))
-                FV_LOG(QStringLiteral("The server did not take the new name of %1 moved to %2").arg(oldPath, newPath));
+            if (known->isEmpty() || known->at(0).normalized(QString::NormalizationForm_C) !=
+                                        newName.normalized(QString::NormalizationForm_C))
+                FV_LOG(QStringLiteral("The server did not take the new name of %1 moved to %2")
+                           .arg(oldPath, newPath));
         }
     }
     const CommandReply reply = sentRequestWithBody(

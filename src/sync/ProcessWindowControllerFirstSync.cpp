@@ -390,8 +390,8 @@ void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLE
             // Not recorded: a row would pass for a file in step. Fetched again at the next passes
             // as the server's add of it would be.
             QMutexLocker fields(&m_fields->lock);
-            m_fields->missedDownloads.append(ProcessTask(
-                ProcessTask::Add, QStringList{name, size, md5, key, pkey, local}, false));
+            m_fields->missedDownloads.append(
+                ProcessTask(ProcessTask::Add, QStringList{name, size, md5, key, pkey, local}, false));
             return;
         }
     }
@@ -416,10 +416,10 @@ void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLE
         FV_LOG(QStringLiteral("%1").arg(error.toString()));
 }
 
-ProcessWindowController::Fetch ProcessWindowController::downloadInto(const QString &local, const QString &name,
-                                                                    qint64 size, QString *md5,
-                                                                    const QString &key,
-                                                                    const QString &serverTime)
+ProcessWindowController::Fetch ProcessWindowController::downloadInto(const QString &local,
+                                                                     const QString &name, qint64 size,
+                                                                     QString *md5, const QString &key,
+                                                                     const QString &serverTime)
 {
     const std::shared_ptr<DatabaseUtils> utils = db();
     const QString root = path();
@@ -445,8 +445,8 @@ ProcessWindowController::Fetch ProcessWindowController::downloadInto(const QStri
     // The copy is made beside the file and takes its name only once complete, so that neither a
     // shorter new copy over a longer old one nor a fetch that breaks off leaves a mix or a part
     // under the name (where it would pass for the file and be sent back to the server).
-    const QString partName = QStringLiteral(".ferrovane-%1")
-                                 .arg(QRandomGenerator::global()->generate64(), 16, 16, QLatin1Char('0'));
+    const QString partName =
+        kPartPrefix + QString::number(QRandomGenerator::global()->generate64(), 16).rightJustified(16, u'0');
     const QString part = folder + u'/' + partName;
     QString digest;
     if (!utils->downloadFileTo(part, partName, &digest, key, serverTime)) {

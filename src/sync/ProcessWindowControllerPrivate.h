@@ -52,6 +52,8 @@ namespace EngineDetail {
 
 inline const QString kEndpoint = QStringLiteral("cgi-bin/cloudXml.cgi");
 inline const QString kBundleIdentifier = QStringLiteral("com.velmora.Ferrovane");
+// Names of the hidden files a download fills before they take the file's name: never sent.
+inline const QString kPartPrefix = QStringLiteral(".ferrovane-");
 
 // Consecutive unreadable work-list replies (0 to 3) and completed passes (0 to 59), shared by every
 // controller of the process.

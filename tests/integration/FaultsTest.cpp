@@ -84,8 +84,8 @@ protected:
                     .replace(u'/', u'_'));
             QFile log(file);
             if (log.open(QIODevice::WriteOnly))
-                log.write((c->output().join(u'\n') + QStringLiteral("\n--- stderr\n") + c->errorOutput())
-                              .toUtf8());
+                log.write(
+                    (c->output().join(u'\n') + QStringLiteral("\n--- stderr\n") + c->errorOutput()).toUtf8());
             result << "\n--- " << qPrintable(c->name()) << " said: see " << qPrintable(file);
         }
         return result;
@@ -115,7 +115,9 @@ protected:
     // Waits for `count` more work-list passes of a computer's client.
     bool passes(Computer &c, int count)
     {
-        const auto done = [&c] { return linesWith(c, QStringLiteral("message"), QStringLiteral("Read sync list complete")); };
+        const auto done = [&c] {
+            return linesWith(c, QStringLiteral("message"), QStringLiteral("Read sync list complete"));
+        };
         const int target = done() + count;
         return waitFor([&] { return done() >= target; }, kConverge);
     }
@@ -213,7 +215,8 @@ TEST_P(LostReplyTest, EveryCommandCarriedOutTwiceLeavesOneItemPerPathAndTheRight
              expected.remove(QStringLiteral("/travelling"));
              expected.remove(QStringLiteral("/travelling/along.txt"));
              expected.insert(QStringLiteral("/target/travelling"), folderEntry());
-             expected.insert(QStringLiteral("/target/travelling/along.txt"), fileEntry("moved with its folder"));
+             expected.insert(QStringLiteral("/target/travelling/along.txt"),
+                             fileEntry("moved with its folder"));
          }},
     };
     for (const Step &step : steps) {
@@ -246,7 +249,7 @@ INSTANTIATE_TEST_SUITE_P(ClientRetriesOrStackResends, LostReplyTest,
                          ::testing::Values("drop-after", "drop-after-silent"),
                          [](const ::testing::TestParamInfo<const char *> &info) {
                              return std::string(info.param) == "drop-after" ? std::string("ClientRetries")
-                                                                             : std::string("StackResends");
+                                                                            : std::string("StackResends");
                          });
 
 // A download cut off by the server leaves no part under the file's name (where it would pass for
@@ -295,8 +298,9 @@ TEST_F(FaultsTest, QueueOverflowEndsTheLinkAndTheRescanFindsEveryChange)
     ASSERT_TRUE(a->startSyncing(kUser, kPassword));
     ASSERT_TRUE(converge({a.get()}));
     const QString linked = QStringLiteral("Connect to socket server complete");
-    ASSERT_TRUE(waitFor([&] { return a->daemonPid() > 0 && linesWith(*a, QStringLiteral("message"), linked) > 0; },
-                        kConverge));
+    ASSERT_TRUE(
+        waitFor([&] { return a->daemonPid() > 0 && linesWith(*a, QStringLiteral("message"), linked) > 0; },
+                kConverge));
     const qint64 daemon = a->daemonPid();
     const int links = linesWith(*a, QStringLiteral("message"), linked);
 
@@ -331,7 +335,8 @@ TEST_F(FaultsTest, QueueOverflowEndsTheLinkAndTheRescanFindsEveryChange)
     expected.insert(QStringLiteral("/docs/edited.txt"), fileEntry("after, and longer"));
     ASSERT_TRUE(QFile::remove(a->path(QStringLiteral("/docs/deleted.txt"))));
     expected.remove(QStringLiteral("/docs/deleted.txt"));
-    ASSERT_TRUE(QDir(a->syncFolder()).rename(QStringLiteral("renamed.txt"), QStringLiteral("docs/moved.txt")));
+    ASSERT_TRUE(
+        QDir(a->syncFolder()).rename(QStringLiteral("renamed.txt"), QStringLiteral("docs/moved.txt")));
     expected.insert(QStringLiteral("/docs/moved.txt"), expected.take(QStringLiteral("/renamed.txt")));
     ASSERT_TRUE(a->writeFile(QStringLiteral("/unseen/deeper/new.txt"), "new while unseen"));
     expected.insert(QStringLiteral("/unseen"), folderEntry());
@@ -481,8 +486,9 @@ TEST_F(FaultsTest, DownloadThatDoesNotFitIsSaidRecordedNowhereAndFetchedOnceTher
         EXPECT_EQ(linesWith(*c, QStringLiteral("message"), said), 1) << "said once, not every pass";
         EXPECT_FALSE(c->localTree().contains(QStringLiteral("/big.bin")));
         EXPECT_FALSE(c->catalogueTree(kUser).contains(QStringLiteral("/big.bin")));
-        EXPECT_EQ(QDir(c->syncFolder()).entryList(QDir::Hidden | QDir::Files).filter(QStringLiteral(".ferrovane-")),
-                  QStringList());
+        EXPECT_EQ(
+            QDir(c->syncFolder()).entryList(QDir::Hidden | QDir::Files).filter(QStringLiteral(".ferrovane-")),
+            QStringList());
         EXPECT_TRUE(c->localTree().contains(QStringLiteral("/small.txt")));
         EXPECT_EQ(c->pendingTasks(kUser), 0) << "nothing of this is sent back";
     }
