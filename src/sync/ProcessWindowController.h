@@ -90,6 +90,9 @@ public:
     State state() const;
     // True when nothing is queued or running: no listener job, no download, no task run, no pass.
     bool isQuiet() const;
+    // Server changes not yet applied because a file could not be fetched (the connection broke,
+    // the disk is full): the last pass stopped before one, or the first synchronisation missed one.
+    bool serverChangesWaiting() const;
 
     // --- Properties ---
     bool isSyncing() const { return m_isSyncing.load(); }

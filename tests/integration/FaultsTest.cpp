@@ -493,6 +493,15 @@ TEST_F(FaultsTest, DownloadThatDoesNotFitIsSaidRecordedNowhereAndFetchedOnceTher
         EXPECT_EQ(c->pendingTasks(kUser), 0) << "nothing of this is sent back";
     }
 
+    // A single run says that it did not end in step.
+    EXPECT_EQ(a->stopClient(), 0);
+    EXPECT_EQ(a->runClient({QStringLiteral("--once"), QStringLiteral("--pc-name"), a->name()}, QString(),
+                           kConverge),
+              8)
+        << qPrintable(a->output().join(u'\n'));
+    EXPECT_EQ(linesWith(*a, QStringLiteral("error"), QStringLiteral("not-in-step")), 1);
+    ASSERT_TRUE(a->startSyncing(kUser, kPassword));
+
     // Room again: both disks grow.
     ASSERT_TRUE(diskA.resize(8 * 1024 * 1024));
     ASSERT_TRUE(converge({a.get()}));
