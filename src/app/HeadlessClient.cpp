@@ -469,6 +469,9 @@ void HeadlessClient::checkInStep()
     if (pending > 0)
         return fail(NotInStep, QStringLiteral("not-in-step"),
                     QStringLiteral("%1 local change(s) not sent to the server").arg(pending));
+    if (m_engine && m_engine->serverChangesWaiting())
+        return fail(NotInStep, QStringLiteral("not-in-step"),
+                    QStringLiteral("server changes could not be fetched (see the messages above)"));
     print({QStringLiteral("status"), QStringLiteral("in-step"), m_delegate->pathTextField()->stringValue()});
     finish(Success);
 }

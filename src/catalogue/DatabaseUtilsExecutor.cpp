@@ -345,6 +345,14 @@ int DatabaseUtils::uploadFile(const TaskPtr &task, const ContextPtr &context)
 
 // --- RENAME, DEL, MOVE ---
 
+std::optional<QStringList> DatabaseUtils::serverItem(const QString &key)
+{
+    const std::shared_ptr<GDataXMLDocument> reply = getInfoOfItemWithKey(key);
+    if (!reply)
+        return std::nullopt;
+    return CommandReplies::readInfo(reply);
+}
+
 int DatabaseUtils::renameTask(const TaskPtr &task, const ContextPtr &context)
 {
     const QString oldPath = task->path();
@@ -381,7 +389,17 @@ int DatabaseUtils::renameTask(const TaskPtr &task, const ContextPtr &context)
         return -6;
     const QString root = syncFolderPath(context);
     for (const auto &item : CommandReplies::items(reply.document, QStringLiteral("RENAME"))) {
-        const int code = CommandReplies::itemCode(item);
+        int code = CommandReplies::itemCode(item);
+        if (code != 1) {
+            // A rename carried out whose answer was lost may be refused when it is sent again (the
+            // name is taken, by the item itself): the server's own name for the key tells.
+            const std::optional<QStringList> known = serverItem(row->key());
+            if (!known)
+                return -6;
+            if (!known->isEmpty() && known->at(0).normalized(QString::NormalizationForm_C) ==
+                                         newName.normalized(QString::NormalizationForm_C))
+                code = 1;
+        }
         postLogFromSync(LogObject::createLogObjectWithName(
             newName, localizedString(QStringLiteral("work_rename")), folder ? -1 : row->size().toLongLong(),
             CataloguePaths::relativePath(newPath, root), folder,
@@ -422,7 +440,16 @@ int DatabaseUtils::deleteTask(const TaskPtr &task, const ContextPtr &context)
         return -6;
     const QString name = row->name();
     for (const auto &item : CommandReplies::items(reply.document, QStringLiteral("DEL"))) {
-        const int code = CommandReplies::itemCode(item);
+        int code = CommandReplies::itemCode(item);
+        if (code != 1) {
+            // A delete carried out whose answer was lost finds the item gone when it is sent again:
+            // the row goes as well, else the catalogue keeps an item that exists nowhere.
+            const std::optional<QStringList> known = serverItem(row->key());
+            if (!known)
+                return -6;
+            if (known->isEmpty())
+                code = 1;
+        }
         postLogFromSync(LogObject::createLogObjectWithName(
             name, localizedString(QStringLiteral("work_delete")), folder ? -1 : row->size().toLongLong(),
             CataloguePaths::relativePath(path, root), folder, localTimeFromDate(QDateTime::currentDateTime()),
@@ -465,6 +492,29 @@ int DatabaseUtils::moveTask(const TaskPtr &task, const ContextPtr &context)
         if (!parent)
             return -6; // tried again once the parent folder is on the server
         destination = parent->key();
+    }
+    // Moved under another name (one step on disk): MOVE keeps the name, so the server's item is
+    // renamed first, in the folder it leaves, where the new name replaces nothing of the user's.
+    const QString newName = CataloguePaths::lastPathComponent(newPath);
+    if (composed(newName) != composed(CataloguePaths::lastPathComponent(oldPath))) {
+        const CommandReply renamed = sentRequestWithBody(
+            opening(QStringLiteral("RENAME"), m_macName) +
+            QStringLiteral("<KEY NAME=\"%1\">%2</KEY>").arg(composed(newName), row->key()) +
+            closing(QStringLiteral("RENAME")));
+        if (renamed.unreadable)
+            return kErrorReadXml;
+        if (!renamed.document)
+            return -6;
+        const auto items = CommandReplies::items(renamed.document, QStringLiteral("RENAME"));
+        if (items.isEmpty() || CommandReplies::itemCode(items.first()) != 1) {
+            const std::optional<QStringList> known = serverItem(row->key());
+            if (!known)
+                return -6;
+            if (known->isEmpty() || known->at(0).normalized(QString::NormalizationForm_C) !=
+                                        newName.normalized(QString::NormalizationForm_C))
+                FV_LOG(QStringLiteral("The server did not take the new name of %1 moved to %2")
+                           .arg(oldPath, newPath));
+        }
     }
     const CommandReply reply = sentRequestWithBody(
         opening(QStringLiteral("MOVE"), m_macName) +

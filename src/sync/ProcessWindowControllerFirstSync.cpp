@@ -18,6 +18,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QRandomGenerator>
+#include <QStorageInfo>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -124,7 +125,11 @@ void ProcessWindowController::firstTimeSync()
                 Pace::sleep(500);
             }
         }
-        info->setFirstSync(true);
+        // With files still to fetch, a new start walks the tree again (the passes fetch them
+        // meanwhile, and mark the walk done once they have).
+        QMutexLocker fields(&m_fields->lock);
+        info->setFirstSync(m_fields->missedDownloads.isEmpty());
+        fields.unlock();
         FvError error;
         if (!context->save(&error))
             FV_LOG(QStringLiteral("%1").arg(error.toString()));
@@ -374,11 +379,21 @@ void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLE
     const bool download = !CataloguePaths::itemExists(local) ||
                           utils->checkFileIsModifierWithPath(local, time, md5) != DatabaseUtils::Unchanged;
     if (download) {
-        const bool ok = downloadInto(local, name, &md5, key, time);
+        const Fetch fetched = downloadInto(local, name, size.toLongLong(), &md5, key, time);
         DatabaseUtils::postLogFromServer(LogObject::createLogObjectWithName(
             name, DatabaseUtils::localizedString(QStringLiteral("work_add")), size.toLongLong(),
             CataloguePaths::relativePath(local, root), false, utils->serverTimeToLocalTimeStr(time),
-            QString(), ok));
+            QString(), fetched == Fetch::Done));
+        if (fetched == Fetch::Refused)
+            return;
+        if (fetched == Fetch::Failed) {
+            // Not recorded: a row would pass for a file in step. Fetched again at the next passes
+            // as the server's add of it would be.
+            QMutexLocker fields(&m_fields->lock);
+            m_fields->missedDownloads.append(
+                ProcessTask(ProcessTask::Add, QStringList{name, size, md5, key, pkey, local}, false));
+            return;
+        }
     }
     if (!row) {
         row = context->insertNewObject<File>();
@@ -401,29 +416,111 @@ void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLE
         FV_LOG(QStringLiteral("%1").arg(error.toString()));
 }
 
-bool ProcessWindowController::downloadInto(const QString &local, const QString &name, QString *md5,
-                                           const QString &key, const QString &serverTime)
+ProcessWindowController::Fetch ProcessWindowController::downloadInto(const QString &local,
+                                                                     const QString &name, qint64 size,
+                                                                     QString *md5, const QString &key,
+                                                                     const QString &serverTime)
 {
     const std::shared_ptr<DatabaseUtils> utils = db();
-    if (!CataloguePaths::itemExists(local))
-        return utils->downloadFileTo(local, name, md5, key, serverTime);
-    // A download writes over a file without shortening it: a new copy is made beside the old one and
-    // takes its place only once it is complete, so a shorter or failed copy never leaves a mix.
-    const QString partName = QStringLiteral(".ferrovane-%1")
-                                 .arg(QRandomGenerator::global()->generate64(), 16, 16, QLatin1Char('0'));
-    const QString part = CataloguePaths::deletingLastPathComponent(local) + u'/' + partName;
+    const QString root = path();
+    if (!CataloguePaths::checkName(name, QStringLiteral("Download")) ||
+        !CataloguePaths::checkInside(local, root, QStringLiteral("Download")))
+        return Fetch::Refused;
+    const QString folder = CataloguePaths::deletingLastPathComponent(local);
+    QDir().mkpath(folder);
+    if (!QFileInfo(folder).isWritable()) {
+        FV_LOG(QStringLiteral("Cannot download into %1: the folder cannot be written").arg(folder));
+        return Fetch::Refused;
+    }
+    // What cannot fit is not fetched at all: a full disk is said once, and tried again later.
+    const auto available = [&folder] {
+        QStorageInfo disk(folder);
+        disk.refresh();
+        return disk.isValid() ? disk.bytesAvailable() : -1;
+    };
+    if (const qint64 free = available(); size > 0 && free >= 0 && free < size) {
+        reportNoSpace(local, size, free);
+        return Fetch::Failed;
+    }
+    // The copy is made beside the file and takes its name only once complete, so that neither a
+    // shorter new copy over a longer old one nor a fetch that breaks off leaves a mix or a part
+    // under the name (where it would pass for the file and be sent back to the server).
+    const QString partName =
+        kPartPrefix + QString::number(QRandomGenerator::global()->generate64(), 16).rightJustified(16, u'0');
+    const QString part = folder + u'/' + partName;
     QString digest;
     if (!utils->downloadFileTo(part, partName, &digest, key, serverTime)) {
         QFile::remove(part);
-        return false;
+        if (const qint64 free = available(); size > 0 && free >= 0 && free < size)
+            reportNoSpace(local, size, free);
+        return Fetch::Failed;
     }
     if (::rename(QFile::encodeName(part).constData(), QFile::encodeName(local).constData()) != 0) {
         FV_LOG(
             QStringLiteral("Cannot replace %1: %2").arg(local, QString::fromLocal8Bit(std::strerror(errno))));
         QFile::remove(part);
-        return false;
+        return Fetch::Failed;
     }
     if (md5 && !digest.isEmpty())
         *md5 = digest;
-    return true;
+    {
+        QMutexLocker fields(&m_fields->lock);
+        m_fields->reportedNoSpace.remove(local);
+    }
+    return Fetch::Done;
+}
+
+void ProcessWindowController::reportNoSpace(const QString &local, qint64 size, qint64 available)
+{
+    {
+        QMutexLocker fields(&m_fields->lock);
+        if (m_fields->reportedNoSpace.contains(local))
+            return;
+        m_fields->reportedNoSpace.insert(local);
+    }
+    const QString message =
+        QStringLiteral("Not enough disk space to download %1 (%2 bytes needed, %3 bytes free): it will be "
+                       "downloaded once there is room")
+            .arg(CataloguePaths::relativePath(local, path()))
+            .arg(size)
+            .arg(available);
+    FV_LOG(message);
+    addStringToLog(message);
+    if (m_appDelegate)
+        m_appDelegate->postNotificationWithTitle(DatabaseUtils::localizedString(QStringLiteral("disk_full")),
+                                                 message);
+}
+
+bool ProcessWindowController::retryMissedDownloads()
+{
+    QList<ProcessTask> missed;
+    {
+        QMutexLocker fields(&m_fields->lock);
+        missed = m_fields->missedDownloads;
+    }
+    if (missed.isEmpty())
+        return true;
+    m_fetchFailed = false;
+    qsizetype done = 0;
+    for (const ProcessTask &task : std::as_const(missed)) {
+        endThreadIfNotAlive();
+        runOnListenerAndWait([&] { applyTask(task, listenerManagedObjectContext()); });
+        if (m_fetchFailed)
+            break;
+        ++done;
+    }
+    QMutexLocker fields(&m_fields->lock);
+    m_fields->missedDownloads.remove(0, done);
+    const bool all = m_fields->missedDownloads.isEmpty();
+    fields.unlock();
+    if (all) {
+        const std::shared_ptr<ManagedObjectContext> context = managedObjectContext();
+        if (const InfomationPtr info = db()->getInfomationWithManagedObjectContext(context)) {
+            info->setFirstSync(true);
+            FvError error;
+            if (!context->save(&error))
+                FV_LOG(QStringLiteral("%1").arg(error.toString()));
+        }
+    }
+    return all;
 }

@@ -36,6 +36,11 @@ void ProcessWindowController::checkSyncList()
     const std::shared_ptr<DatabaseUtils> utils = db();
     checkRootFolder(context);
 
+    // Files of the first synchronisation still missing come before new changes.
+    if (!retryMissedDownloads())
+        FV_LOG(QStringLiteral("Files of the first synchronisation are still to be fetched"));
+    endThreadIfNotAlive();
+
     const InfomationPtr info = utils->getInfomationWithManagedObjectContext(context);
     QString lastCheck = info ? info->lastUpdate() : QString();
     if (lastCheck.isEmpty())
@@ -93,6 +98,7 @@ QString ProcessWindowController::readWorkList(const std::shared_ptr<GDataXMLDocu
     const auto lists =
         root ? root->elementsForName(QStringLiteral("WORKLIST")) : QList<std::shared_ptr<GDataXMLElement>>();
     QString lastId;
+    m_fetchFailed = false;
     for (const auto &list : lists) {
         lastId = attribute(list, QStringLiteral("ID"));
         for (const auto &child : childElements(list)) {
@@ -109,6 +115,12 @@ QString ProcessWindowController::readWorkList(const std::shared_ptr<GDataXMLDocu
                 moveObjectWithXmlElement(child);
             // Each change is applied before the next is read; the last check follows it.
             nextTask();
+            if (m_fetchFailed) {
+                // A file that could not be fetched (the connection broke, the disk is full): the
+                // last check stays before it, so the next pass brings it and what follows again.
+                FV_LOG(QStringLiteral("The pass stops before a change that could not be fetched"));
+                return QString();
+            }
             const QString id = attribute(child, QStringLiteral("ID"));
             if (!id.isEmpty())
                 updateLastCheck(context, id);
@@ -306,7 +318,11 @@ void ProcessWindowController::applyTask(const ProcessTask &task,
                 return;
         }
         QString md5 = record.at(DatabaseUtils::ItemMd5);
-        if (!downloadInto(local, name, &md5, key, time))
+        const Fetch fetched =
+            downloadInto(local, name, record.at(DatabaseUtils::ItemSize).toLongLong(), &md5, key, time);
+        if (fetched == Fetch::Failed)
+            m_fetchFailed = true; // the pass ends here and the next one asks for this change again
+        if (fetched != Fetch::Done)
             return;
         record[DatabaseUtils::ItemMd5] = md5;
         utils->insertFile(record, context);
