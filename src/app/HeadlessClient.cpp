@@ -1,6 +1,7 @@
 #include "app/HeadlessClient.h"
 
 #include "RestLibrary/NetworkAccess.h"
+#include "app/StopSignals.h"
 #include "catalogue/DatabaseUtils.h"
 #include "catalogue/ManagedObjectContext.h"
 #include "link/DistributedNotificationCenter.h"
@@ -15,24 +16,14 @@
 #include <QFileInfo>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
-#include <QSocketNotifier>
 #include <QSslError>
 #include <QTemporaryFile>
 #include <QTimer>
 #include <csignal>
 #include <cstdio>
-#include <fcntl.h>
 #include <unistd.h>
 
 namespace {
-
-int g_signalPipe[2] = {-1, -1};
-
-void onSignal(int signal)
-{
-    const char byte = char(signal);
-    [[maybe_unused]] const auto written = ::write(g_signalPipe[1], &byte, 1);
-}
 
 // Real time: how often --once looks whether the engine has gone quiet after its pass.
 constexpr int kQuietPollMs = 50;
@@ -189,10 +180,6 @@ HeadlessClient::~HeadlessClient()
         QObject::disconnect(m_delegate.get(), nullptr, this, nullptr);
         m_delegate.reset();
     }
-    if (g_signalPipe[0] >= 0) {
-        ::signal(SIGINT, SIG_DFL);
-        ::signal(SIGTERM, SIG_DFL);
-    }
 }
 
 int HeadlessClient::exec()
@@ -204,27 +191,13 @@ int HeadlessClient::exec()
 
 void HeadlessClient::installSignalHandlers()
 {
-    if (g_signalPipe[0] < 0 && ::pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
-        FV_LOG(QStringLiteral("Cannot make the signal pipe; SIGINT and SIGTERM end the program at once"));
-        return;
-    }
-    m_signalNotifier = new QSocketNotifier(g_signalPipe[0], QSocketNotifier::Read, this);
-    connect(m_signalNotifier, &QSocketNotifier::activated, this, [this] {
-        char signal = 0;
-        while (::read(g_signalPipe[0], &signal, 1) == 1) {
-        }
+    auto *stop = new StopSignals(this);
+    connect(stop, &StopSignals::stopRequested, this, [this](int signal) {
         if (m_finishing)
             return;
-        print({QStringLiteral("status"), QStringLiteral("stopping"),
-               signal == SIGINT ? QStringLiteral("SIGINT") : QStringLiteral("SIGTERM")});
+        print({QStringLiteral("status"), QStringLiteral("stopping"), StopSignals::name(signal)});
         finish(Success);
     });
-    struct sigaction action = {};
-    action.sa_handler = onSignal;
-    sigemptyset(&action.sa_mask);
-    action.sa_flags = SA_RESTART;
-    ::sigaction(SIGINT, &action, nullptr);
-    ::sigaction(SIGTERM, &action, nullptr);
     // A reader of our output that goes first (a pipe closed by Ctrl-C) must not cut the clean stop.
     ::signal(SIGPIPE, SIG_IGN);
 }
@@ -496,6 +469,9 @@ void HeadlessClient::checkInStep()
     if (pending > 0)
         return fail(NotInStep, QStringLiteral("not-in-step"),
                     QStringLiteral("%1 local change(s) not sent to the server").arg(pending));
+    if (m_engine && m_engine->serverChangesWaiting())
+        return fail(NotInStep, QStringLiteral("not-in-step"),
+                    QStringLiteral("server changes could not be fetched (see the messages above)"));
     print({QStringLiteral("status"), QStringLiteral("in-step"), m_delegate->pathTextField()->stringValue()});
     finish(Success);
 }

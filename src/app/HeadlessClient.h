@@ -21,7 +21,6 @@
 
 class LogObject;
 class QCommandLineParser;
-class QSocketNotifier;
 class QTimer;
 
 class HeadlessClient final : public QObject
@@ -97,7 +96,6 @@ private:
     // next check can run.
     std::unique_ptr<CheckUpdate> m_checkUpdate;
     QPointer<ProcessWindowController> m_engine;
-    QSocketNotifier *m_signalNotifier = nullptr;
     bool m_signedInOnce = false;
     bool m_finishing = false;
     bool m_passSeen = false;

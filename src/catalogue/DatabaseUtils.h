@@ -170,6 +170,9 @@ public:
     int renameTask(const TaskPtr &task, const ContextPtr &context);
     int deleteTask(const TaskPtr &task, const ContextPtr &context);
     int moveTask(const TaskPtr &task, const ContextPtr &context);
+    // What the server holds under `key` (INFO, one try): its fields as getInfomationOfItemWithKey
+    // gives them, empty when it knows no such item, nullopt when no readable answer came.
+    std::optional<QStringList> serverItem(const QString &key);
     // Fetches one file into `path` (blocking; worker threads only). `md5_p` receives the digest.
     bool downloadFileTo(const QString &path, const QString &name, QString *md5_p, const QString &key,
                         const QString &serverTime);

@@ -349,6 +349,14 @@ int DatabaseUtils::uploadFile(const TaskPtr &task, const ContextPtr &context)
 
 // --- RENAME, DEL, MOVE ---
 
+std::optional<QStringList> DatabaseUtils::serverItem(const QString &key)
+{
+    const std::shared_ptr<GDataXMLDocument> reply = getInfoOfItemWithKey(key);
+    if (!reply)
+        return std::nullopt;
+    return CommandReplies::readInfo(reply);
+}
+
 int DatabaseUtils::renameTask(const TaskPtr &task, const ContextPtr &context)
 {
     const QString oldPath = task->path();
@@ -385,7 +393,17 @@ int DatabaseUtils::renameTask(const TaskPtr &task, const ContextPtr &context)
         return -6;
     const QString root = syncFolderPath(context);
     for (const auto &item : CommandReplies::items(reply.document, QStringLiteral("RENAME"))) {
-        const int code = CommandReplies::itemCode(item);
+        int code = CommandReplies::itemCode(item);
+        if (code != 1) {
+            // A rename carried out whose answer was lost may be refused when it is sent again (the
+            // name is taken, by the item itself): the server's own name for the key tells.
+            const std::optional<QStringList> known = serverItem(row->key());
+            if (!known)
+                return -6;
+            if (!known->isEmpty() && known->at(0).normalized(QString::NormalizationForm_C) ==
+                                         newName.normalized(QString::NormalizationForm_C))
+                code = 1;
+        }
         postLogFromSync(LogObject::createLogObjectWithName(
             newName, localizedString(QStringLiteral("work_rename")), folder ? -1 : row->size().toLongLong(),
             CataloguePaths::relativePath(newPath, root), folder,
@@ -426,11 +444,17 @@ int DatabaseUtils::deleteTask(const TaskPtr &task, const ContextPtr &context)
         return -6;
     const QString name = row->name();
     for (const auto &item : CommandReplies::items(reply.document, QStringLiteral("DEL"))) {
-        // A DEL the server carried out but whose reply was lost is sent again and answered "unknown
-        // item": the item is gone from the server as asked, so its row goes as after a plain success
-        // (kept, it would stand for a file that is nowhere and be deleted again at every start).
-        const int code = CommandReplies::itemCode(item);
-        const bool done = code == 1 || code == kUnknownItem;
+        int code = CommandReplies::itemCode(item);
+        if (code != 1) {
+            // A delete carried out whose answer was lost finds the item gone when it is sent again:
+            // the row goes as well, else the catalogue keeps an item that exists nowhere.
+            const std::optional<QStringList> known = serverItem(row->key());
+            if (!known)
+                return -6;
+            if (known->isEmpty())
+                code = 1;
+        }
+        const bool done = code == 1;
         postLogFromSync(LogObject::createLogObjectWithName(
             name, localizedString(QStringLiteral("work_delete")), folder ? -1 : row->size().toLongLong(),
             CataloguePaths::relativePath(path, root), folder, localTimeFromDate(QDateTime::currentDateTime()),
@@ -473,6 +497,29 @@ int DatabaseUtils::moveTask(const TaskPtr &task, const ContextPtr &context)
         if (!parent)
             return -6; // tried again once the parent folder is on the server
         destination = parent->key();
+    }
+    // Moved under another name (one step on disk): MOVE keeps the name, so the server's item is
+    // renamed first, in the folder it leaves, where the new name replaces nothing of the user's.
+    const QString newName = CataloguePaths::lastPathComponent(newPath);
+    if (composed(newName) != composed(CataloguePaths::lastPathComponent(oldPath))) {
+        const CommandReply renamed = sentRequestWithBody(
+            opening(QStringLiteral("RENAME"), m_macName) +
+            QStringLiteral("<KEY NAME=\"%1\">%2</KEY>").arg(composed(newName), row->key()) +
+            closing(QStringLiteral("RENAME")));
+        if (renamed.unreadable)
+            return kErrorReadXml;
+        if (!renamed.document)
+            return -6;
+        const auto items = CommandReplies::items(renamed.document, QStringLiteral("RENAME"));
+        if (items.isEmpty() || CommandReplies::itemCode(items.first()) != 1) {
+            const std::optional<QStringList> known = serverItem(row->key());
+            if (!known)
+                return -6;
+            if (known->isEmpty() || known->at(0).normalized(QString::NormalizationForm_C) !=
+                                        newName.normalized(QString::NormalizationForm_C))
+                FV_LOG(QStringLiteral("The server did not take the new name of %1 moved to %2")
+                           .arg(oldPath, newPath));
+        }
     }
     const CommandReply reply = sentRequestWithBody(
         opening(QStringLiteral("MOVE"), m_macName) +

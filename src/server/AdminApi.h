@@ -15,7 +15,8 @@
 //   POST /move             {"user","path","dest","pcname"}         ("dest" "" is the sync folder)
 //   POST /delete           {"user","path","pcname"}
 //   POST /fault            {"kind","command","count","skip","status","body","ms","result","bytes"}
-//        kinds: drop, cut-reply, drop-after, status, body, delay, refuse-upload, cut-download
+//        kinds: drop, cut-reply, drop-after, drop-after-silent, status, body, delay, refuse-upload,
+//        cut-download
 //   GET  /faults           {"ok":true,"pending":n}  (fault counts not yet used up)
 //   POST /faults/clear
 //   POST /update           {"version","build","package"|"package_base64"}

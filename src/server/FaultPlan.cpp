@@ -9,6 +9,7 @@ std::optional<Fault::Kind> Fault::kindFromName(const QString &name)
     } names[] = {{"drop", Kind::Drop},
                  {"cut-reply", Kind::CutReply},
                  {"drop-after", Kind::DropAfterProcessing},
+                 {"drop-after-silent", Kind::DropAfterProcessingSilently},
                  {"status", Kind::HttpStatus},
                  {"body", Kind::Body},
                  {"delay", Kind::Delay},

@@ -22,6 +22,9 @@ struct Fault
         CutReply,
         // Carried out; the answer breaks off after its head (a reply lost on the way).
         DropAfterProcessing,
+        // Carried out; the connection closes before a byte of answer, so a client on
+        // QNetworkAccessManager sends the same request again on its own (and it is carried out again).
+        DropAfterProcessingSilently,
         HttpStatus,   // answer with `status` and a short text body
         Body,         // answer 200 with `body` as it is (a non-XML reply such as "-3" or "-2")
         Delay,        // wait `delayMs` (real time) before handling the request normally

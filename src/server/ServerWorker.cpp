@@ -145,7 +145,7 @@ void ServerWorker::requestReceived(HttpConnection *connection, HttpRequest &requ
          context.kind == Context::Kind::Command ? request.body : QByteArray(), request.bodySize});
     if (context.fault && applyFault(connection, request, context))
         return;
-    handle(connection, request, context, false);
+    handle(connection, request, context, ReplyLoss::None);
 }
 
 bool ServerWorker::applyFault(HttpConnection *connection, HttpRequest &request, const Context &context)
@@ -159,7 +159,10 @@ bool ServerWorker::applyFault(HttpConnection *connection, HttpRequest &request, 
         connection->breakOff();
         return true;
     case Fault::Kind::DropAfterProcessing:
-        handle(connection, request, context, true);
+        handle(connection, request, context, ReplyLoss::AfterHead);
+        return true;
+    case Fault::Kind::DropAfterProcessingSilently:
+        handle(connection, request, context, ReplyLoss::Silent);
         return true;
     case Fault::Kind::HttpStatus:
         connection->respond(fault.status, kText, HttpConnection::reasonPhrase(fault.status) + '\n');
@@ -171,7 +174,7 @@ bool ServerWorker::applyFault(HttpConnection *connection, HttpRequest &request, 
         HttpRequest *pending = &request;
         QTimer::singleShot(fault.delayMs, connection, [this, connection, pending, context] {
             if (!connection->isClosed())
-                handle(connection, *pending, context, false);
+                handle(connection, *pending, context, ReplyLoss::None);
         });
         return true;
     }
@@ -186,8 +189,16 @@ bool ServerWorker::applyFault(HttpConnection *connection, HttpRequest &request, 
     return false;
 }
 
+void ServerWorker::loseReply(HttpConnection *connection, ReplyLoss loss)
+{
+    if (loss == ReplyLoss::Silent)
+        connection->drop();
+    else
+        connection->breakOff();
+}
+
 void ServerWorker::handle(HttpConnection *connection, HttpRequest &request, const Context &context,
-                          bool dropReply)
+                          ReplyLoss loss)
 {
     switch (context.kind) {
     case Context::Kind::Command: {
@@ -197,18 +208,18 @@ void ServerWorker::handle(HttpConnection *connection, HttpRequest &request, cons
             return;
         }
         const CommandReply reply = m_backend.commands.process(request.body);
-        if (dropReply)
-            connection->breakOff();
+        if (loss != ReplyLoss::None)
+            loseReply(connection, loss);
         else
             connection->respond(reply.status, {{"Content-Type", reply.contentType}}, reply.body);
         return;
     }
     case Context::Kind::Upload:
-        handleUpload(connection, request, context, dropReply);
+        handleUpload(connection, request, context, loss);
         return;
     case Context::Kind::Download:
-        if (dropReply)
-            connection->breakOff();
+        if (loss != ReplyLoss::None)
+            loseReply(connection, loss);
         else
             handleDownload(connection, request, context, -1);
         return;
@@ -234,7 +245,7 @@ void ServerWorker::handle(HttpConnection *connection, HttpRequest &request, cons
 }
 
 void ServerWorker::handleUpload(HttpConnection *connection, HttpRequest &request, const Context &context,
-                                bool dropReply)
+                                ReplyLoss loss)
 {
     int code = ResultCode::UnknownItem;
     if (!context.session) {
@@ -246,8 +257,8 @@ void ServerWorker::handleUpload(HttpConnection *connection, HttpRequest &request
     }
     if (code != ResultCode::Done)
         FV_LOG(QStringLiteral("Upload of key %1 refused: %2").arg(context.key).arg(code));
-    if (dropReply) {
-        connection->breakOff();
+    if (loss != ReplyLoss::None) {
+        loseReply(connection, loss);
         return;
     }
     // "0" is the one answer that means stored.

@@ -33,9 +33,16 @@ public:
 
 private:
     struct Context;
-    void handle(HttpConnection *connection, HttpRequest &request, const Context &context, bool dropReply);
+    // How the answer of a request that is carried out is lost, if it is.
+    enum class ReplyLoss {
+        None,
+        AfterHead, // the answer breaks off after its head: clients do not send the request again
+        Silent,    // the connection closes before any byte: a client's network stack may re-send
+    };
+    void handle(HttpConnection *connection, HttpRequest &request, const Context &context, ReplyLoss loss);
     void handleUpload(HttpConnection *connection, HttpRequest &request, const Context &context,
-                      bool dropReply);
+                      ReplyLoss loss);
+    static void loseReply(HttpConnection *connection, ReplyLoss loss);
     void handleDownload(HttpConnection *connection, HttpRequest &request, const Context &context,
                         qint64 cutAfter);
     bool applyFault(HttpConnection *connection, HttpRequest &request, const Context &context);

@@ -56,7 +56,8 @@ int main(int argc, char **argv)
         "  POST /rename {user,path,name}   POST /move {user,path,dest}   POST /delete {user,path}\n"
         "       (paths relative to the sync folder; optional \"pcname\", default \"ferrovane-admin\")\n"
         "  POST /fault {kind,command,count,skip,status,body,ms,result,bytes}\n"
-        "       kinds: drop, cut-reply, drop-after, status, body, delay, refuse-upload, cut-download;\n"
+        "       kinds: drop, cut-reply, drop-after, drop-after-silent, status, body, delay, refuse-upload, "
+        "cut-download;\n"
         "       command: LOGIN ... INFO, UPLOAD, DOWNLOAD, UPDATE, PACKAGE or *\n"
         "  GET  /faults                    fault counts not yet used up\n"
         "  POST /faults/clear  POST /log/clear  POST /update {version,build,package|package_base64}"));

@@ -278,6 +278,12 @@ bool ProcessWindowController::isQuiet() const
            !m_isSyncing.load() && !m_databaseUtils->isDoTask();
 }
 
+bool ProcessWindowController::serverChangesWaiting() const
+{
+    QMutexLocker fields(&m_fields->lock);
+    return m_fetchFailed.load() || !m_fields->missedDownloads.isEmpty();
+}
+
 // --- Threads and jobs ---
 
 void ProcessWindowController::endThread()

@@ -91,6 +91,9 @@ public:
     State state() const;
     // True when nothing is queued or running: no listener job, no download, no task run, no pass.
     bool isQuiet() const;
+    // Server changes not yet applied because a file could not be fetched (the connection broke,
+    // the disk is full): the last pass stopped before one, or the first synchronisation missed one.
+    bool serverChangesWaiting() const;
 
     // --- Properties ---
     bool isSyncing() const { return m_isSyncing.load(); }
@@ -253,9 +256,19 @@ private:
     void recordRemovedItems();
     // Any thread: a rescan on the worker, unless one is already waiting to start.
     void requestRescan();
-    // Fetches a file into `local`; an existing file is replaced only by a complete copy.
-    bool downloadInto(const QString &local, const QString &name, QString *md5, const QString &key,
-                      const QString &serverTime);
+    // What became of a fetch: done; refused for good (a name that leaves the sync folder, a
+    // folder that cannot be written); or failed for now (the connection broke, the disk is full),
+    // to be tried again at a later pass.
+    enum class Fetch { Done, Refused, Failed };
+    // Fetches a file of `size` bytes into `local`. The bytes go to a hidden file beside it, which
+    // takes the name only once complete: a failed or cut-off fetch leaves nothing under the name.
+    Fetch downloadInto(const QString &local, const QString &name, qint64 size, QString *md5,
+                       const QString &key, const QString &serverTime);
+    // Tells the user, once until it is resolved, that `local` does not fit on its disk.
+    void reportNoSpace(const QString &local, qint64 size, qint64 available);
+    // Worker: fetches again the files of the first synchronisation that could not be fetched;
+    // false while some still fail.
+    bool retryMissedDownloads();
     // Work-list helpers.
     // Applies the items of a WORKLIST reply; the ID of its last WORKLIST element.
     QString readWorkList(const std::shared_ptr<GDataXMLDocument> &document);
@@ -296,12 +309,13 @@ private:
     // finds were left by a download cut short, and are removed.
     std::atomic<bool> m_removeDownloadParts{false};
     // A work-list item whose file could not be fetched ends the pass before the last check passes
-    // it; the failures per key (listener queue only) bound how often one file is tried.
+    // it; the failures per key (listener queue only) bound how often one file is tried, except
+    // while the disk is too full for it.
     static constexpr int kDownloadAttempts = 3;
-    std::atomic<bool> m_workItemFailed{false};
     QHash<QString, int> m_downloadFailures;
-    bool m_linkMadeBefore = false;     // main thread: a daemon link was made before
-    std::atomic<bool> m_linked{false}; // a daemon link has been made (and so watches)
+    bool m_linkMadeBefore = false;          // main thread: a daemon link was made before
+    std::atomic<bool> m_linked{false};      // a daemon link has been made (and so watches)
+    std::atomic<bool> m_fetchFailed{false}; // a server change could not be fetched this pass
 
     QThread *m_mainThreadCheck = nullptr;
     QThread *m_listenerQueue = nullptr;

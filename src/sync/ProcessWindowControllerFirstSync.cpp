@@ -17,7 +17,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QRandomGenerator>
+#include <QStorageInfo>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -129,7 +129,11 @@ void ProcessWindowController::firstTimeSync()
         // would take the server's time then, losing every change made in between.
         if (!beforeWalk.isEmpty() && (info->lastUpdate().isEmpty() || info->lastUpdate() < beforeWalk))
             info->setLastUpdate(beforeWalk);
-        info->setFirstSync(true);
+        // With files still to fetch, a new start walks the tree again (the passes fetch them
+        // meanwhile, and mark the walk done once they have).
+        QMutexLocker fields(&m_fields->lock);
+        info->setFirstSync(m_fields->missedDownloads.isEmpty());
+        fields.unlock();
         FvError error;
         if (!context->save(&error))
             FV_LOG(QStringLiteral("%1").arg(error.toString()));
@@ -386,15 +390,19 @@ void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLE
     const bool download = !CataloguePaths::itemExists(local) ||
                           utils->checkFileIsModifierWithPath(local, time, md5) != DatabaseUtils::Unchanged;
     if (download) {
-        const bool ok = downloadInto(local, name, &md5, key, time);
+        const Fetch fetched = downloadInto(local, name, size.toLongLong(), &md5, key, time);
         DatabaseUtils::postLogFromServer(LogObject::createLogObjectWithName(
             name, DatabaseUtils::localizedString(QStringLiteral("work_add")), size.toLongLong(),
             CataloguePaths::relativePath(local, root), false, utils->serverTimeToLocalTimeStr(time),
-            QString(), ok));
-        if (!ok) {
-            // Recorded without its contents here, the file would look deleted (or, when an older copy
-            // is here, edited) to the next scan, which would then delete or overwrite it on the server.
-            FV_LOG(QStringLiteral("Download failed, not recorded: %1").arg(local));
+            QString(), fetched == Fetch::Done));
+        if (fetched == Fetch::Refused)
+            return;
+        if (fetched == Fetch::Failed) {
+            // Not recorded: a row would pass for a file in step. Fetched again at the next passes
+            // as the server's add of it would be.
+            QMutexLocker fields(&m_fields->lock);
+            m_fields->missedDownloads.append(
+                ProcessTask(ProcessTask::Add, QStringList{name, size, md5, key, pkey, local}, false));
             return;
         }
     }
@@ -419,17 +427,106 @@ void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLE
         FV_LOG(QStringLiteral("%1").arg(error.toString()));
 }
 
-bool ProcessWindowController::downloadInto(const QString &local, const QString &name, QString *md5,
-                                           const QString &key, const QString &serverTime)
+ProcessWindowController::Fetch ProcessWindowController::downloadInto(const QString &local,
+                                                                     const QString &name, qint64 size,
+                                                                     QString *md5, const QString &key,
+                                                                     const QString &serverTime)
 {
+    const std::shared_ptr<DatabaseUtils> utils = db();
+    const QString root = path();
+    if (!CataloguePaths::checkName(name, QStringLiteral("Download")) ||
+        !CataloguePaths::checkInside(local, root, QStringLiteral("Download")))
+        return Fetch::Refused;
+    const QString folder = CataloguePaths::deletingLastPathComponent(local);
+    QDir().mkpath(folder);
+    if (!QFileInfo(folder).isWritable()) {
+        FV_LOG(QStringLiteral("Cannot download into %1: the folder cannot be written").arg(folder));
+        return Fetch::Refused;
+    }
+    // What cannot fit is not fetched at all: a full disk is said once, and tried again later.
+    const auto available = [&folder] {
+        QStorageInfo disk(folder);
+        disk.refresh();
+        return disk.isValid() ? disk.bytesAvailable() : -1;
+    };
+    if (const qint64 free = available(); size > 0 && free >= 0 && free < size) {
+        reportNoSpace(local, size, free);
+        return Fetch::Failed;
+    }
     // The download is written beside the file and replaces it only once complete. A reply lost on
     // the way is asked for again a few times, a second apart, before the file is given up for now.
+    QString digest;
     for (int attempt = 1;; ++attempt) {
-        if (db()->downloadFileTo(local, name, md5, key, serverTime))
-            return true;
-        if (attempt == kDownloadAttempts || !isAlive() || !CataloguePaths::isSafeName(name) ||
-            !CataloguePaths::isInside(local, path()))
-            return false;
+        if (utils->downloadFileTo(local, name, &digest, key, serverTime))
+            break;
+        if (const qint64 free = available(); size > 0 && free >= 0 && free < size) {
+            reportNoSpace(local, size, free);
+            return Fetch::Failed;
+        }
+        if (attempt == kDownloadAttempts || !isAlive())
+            return Fetch::Failed;
         Pace::sleep(1000);
     }
+    if (md5 && !digest.isEmpty())
+        *md5 = digest;
+    {
+        QMutexLocker fields(&m_fields->lock);
+        m_fields->reportedNoSpace.remove(local);
+    }
+    return Fetch::Done;
+}
+
+void ProcessWindowController::reportNoSpace(const QString &local, qint64 size, qint64 available)
+{
+    {
+        QMutexLocker fields(&m_fields->lock);
+        if (m_fields->reportedNoSpace.contains(local))
+            return;
+        m_fields->reportedNoSpace.insert(local);
+    }
+    const QString message =
+        QStringLiteral("Not enough disk space to download %1 (%2 bytes needed, %3 bytes free): it will be "
+                       "downloaded once there is room")
+            .arg(CataloguePaths::relativePath(local, path()))
+            .arg(size)
+            .arg(available);
+    FV_LOG(message);
+    addStringToLog(message);
+    if (m_appDelegate)
+        m_appDelegate->postNotificationWithTitle(DatabaseUtils::localizedString(QStringLiteral("disk_full")),
+                                                 message);
+}
+
+bool ProcessWindowController::retryMissedDownloads()
+{
+    QList<ProcessTask> missed;
+    {
+        QMutexLocker fields(&m_fields->lock);
+        missed = m_fields->missedDownloads;
+    }
+    if (missed.isEmpty())
+        return true;
+    m_fetchFailed = false;
+    qsizetype done = 0;
+    for (const ProcessTask &task : std::as_const(missed)) {
+        endThreadIfNotAlive();
+        runOnListenerAndWait([&] { applyTask(task, listenerManagedObjectContext()); });
+        if (m_fetchFailed)
+            break;
+        ++done;
+    }
+    QMutexLocker fields(&m_fields->lock);
+    m_fields->missedDownloads.remove(0, done);
+    const bool all = m_fields->missedDownloads.isEmpty();
+    fields.unlock();
+    if (all) {
+        const std::shared_ptr<ManagedObjectContext> context = managedObjectContext();
+        if (const InfomationPtr info = db()->getInfomationWithManagedObjectContext(context)) {
+            info->setFirstSync(true);
+            FvError error;
+            if (!context->save(&error))
+                FV_LOG(QStringLiteral("%1").arg(error.toString()));
+        }
+    }
+    return all;
 }

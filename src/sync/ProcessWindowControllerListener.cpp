@@ -486,7 +486,8 @@ void ProcessWindowController::fileWasAdded(const QString &path)
     }
     FV_LOG(QStringLiteral("File was add: %1").arg(path));
     const QString name = CataloguePaths::lastPathComponent(path);
-    if (name == kDSStore)
+    // A download's part (one left by a stop in the middle, too) is no file of the user's.
+    if (name == kDSStore || name.startsWith(kPartPrefix))
         return;
     storeTask(1, name, path, QString(), false, true);
 }
@@ -509,7 +510,7 @@ void ProcessWindowController::fileWasUpdate(const QString &path)
     }
     FV_LOG(QStringLiteral("File was update: %1").arg(path));
     const QString name = CataloguePaths::lastPathComponent(path);
-    if (name == kDSStore)
+    if (name == kDSStore || name.startsWith(kPartPrefix))
         return;
     storeTask(5, name, path, QString(), false, true);
 }

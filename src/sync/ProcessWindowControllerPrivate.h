@@ -5,6 +5,7 @@
 #include "sync/ProcessWindowController.h"
 
 #include <QMutex>
+#include <QSet>
 #include <QString>
 #include <QThread>
 #include <functional>
@@ -27,6 +28,10 @@ struct ProcessWindowController::Fields
     std::shared_ptr<FolderUtil> folderUtil;
     QList<QStringList> listDownload;
     QList<ProcessTask> listTask;
+    // Files of the first synchronisation whose fetch failed, as work-list adds to apply again.
+    QList<ProcessTask> missedDownloads;
+    // Local paths the user has been told do not fit on the disk.
+    QSet<QString> reportedNoSpace;
     QTimer *checkSyncTimer = nullptr; // lives on the worker, child of its receiver
 };
 
@@ -47,6 +52,8 @@ namespace EngineDetail {
 
 inline const QString kEndpoint = QStringLiteral("cgi-bin/cloudXml.cgi");
 inline const QString kBundleIdentifier = QStringLiteral("com.velmora.Ferrovane");
+// Names of the hidden files a download fills before they take the file's name: never sent.
+inline const QString kPartPrefix = QStringLiteral(".ferrovane-");
 
 // Consecutive unreadable work-list replies (0 to 3) and completed passes (0 to 59), shared by every
 // controller of the process.

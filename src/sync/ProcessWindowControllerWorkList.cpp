@@ -36,6 +36,11 @@ void ProcessWindowController::checkSyncList()
     const std::shared_ptr<DatabaseUtils> utils = db();
     checkRootFolder(context);
 
+    // Files of the first synchronisation still missing come before new changes.
+    if (!retryMissedDownloads())
+        FV_LOG(QStringLiteral("Files of the first synchronisation are still to be fetched"));
+    endThreadIfNotAlive();
+
     const InfomationPtr info = utils->getInfomationWithManagedObjectContext(context);
     QString lastCheck = info ? info->lastUpdate() : QString();
     if (lastCheck.isEmpty())
@@ -93,7 +98,7 @@ QString ProcessWindowController::readWorkList(const std::shared_ptr<GDataXMLDocu
     const auto lists =
         root ? root->elementsForName(QStringLiteral("WORKLIST")) : QList<std::shared_ptr<GDataXMLElement>>();
     QString lastId;
-    m_workItemFailed = false;
+    m_fetchFailed = false;
     for (const auto &list : lists) {
         lastId = attribute(list, QStringLiteral("ID"));
         for (const auto &child : childElements(list)) {
@@ -110,8 +115,12 @@ QString ProcessWindowController::readWorkList(const std::shared_ptr<GDataXMLDocu
                 moveObjectWithXmlElement(child);
             // Each change is applied before the next is read; the last check follows it.
             nextTask();
-            if (m_workItemFailed)
-                return {}; // the last check stays before this change: the next pass starts with it
+            if (m_fetchFailed) {
+                // A file that could not be fetched (the connection broke, the disk is full): the
+                // last check stays before it, so the next pass brings it and what follows again.
+                FV_LOG(QStringLiteral("The pass stops before a change that could not be fetched"));
+                return QString();
+            }
             const QString id = attribute(child, QStringLiteral("ID"));
             if (!id.isEmpty())
                 updateLastCheck(context, id);
@@ -309,14 +318,23 @@ void ProcessWindowController::applyTask(const ProcessTask &task,
                 return;
         }
         QString md5 = record.at(DatabaseUtils::ItemMd5);
-        if (!downloadInto(local, name, &md5, key, time)) {
-            // Not applied: the pass stops before it, so the next pass asks for it again (a file the
-            // server never delivers is given up after a few passes, not kept blocking the rest).
-            if (CataloguePaths::isSafeName(name) && CataloguePaths::isInside(local, root) &&
-                ++m_downloadFailures[key] < kDownloadAttempts)
-                m_workItemFailed = true;
+        const Fetch fetched =
+            downloadInto(local, name, record.at(DatabaseUtils::ItemSize).toLongLong(), &md5, key, time);
+        if (fetched == Fetch::Failed) {
+            // Not applied: the pass ends here and the next one asks for this change again. A file the
+            // server never delivers is given up after a few passes rather than kept blocking the
+            // rest; one waiting for disk space is not.
+            bool noSpace = false;
+            {
+                QMutexLocker fields(&m_fields->lock);
+                noSpace = m_fields->reportedNoSpace.contains(local);
+            }
+            if (noSpace || ++m_downloadFailures[key] < kDownloadAttempts)
+                m_fetchFailed = true;
             else
                 FV_LOG(QStringLiteral("Download given up: %1").arg(local));
+        }
+        if (fetched != Fetch::Done) {
             return;
         }
         m_downloadFailures.remove(key);

@@ -1,6 +1,7 @@
 #include "ui/TrayClient.h"
 
 #include "app/AppDelegate.h"
+#include "app/StopSignals.h"
 #include "ui/DesktopShell.h"
 #include "ui/MainWindowWidget.h"
 #include "util/Log.h"
@@ -8,23 +9,7 @@
 #include <QApplication>
 #include <QDir>
 #include <QMessageBox>
-#include <QSocketNotifier>
 #include <QTimer>
-#include <csignal>
-#include <fcntl.h>
-#include <unistd.h>
-
-namespace {
-
-int g_signalPipe[2] = {-1, -1};
-
-void onSignal(int signal)
-{
-    const char byte = char(signal);
-    [[maybe_unused]] const auto written = ::write(g_signalPipe[1], &byte, 1);
-}
-
-} // namespace
 
 TrayClient::TrayClient(const HeadlessClient::Options &options, QObject *parent)
     : QObject(parent), m_options(options)
@@ -41,10 +26,6 @@ TrayClient::~TrayClient()
     m_delegate->applicationWillTerminate();
     m_shell.reset();
     m_delegate.reset();
-    if (g_signalPipe[0] >= 0) {
-        ::signal(SIGINT, SIG_DFL);
-        ::signal(SIGTERM, SIG_DFL);
-    }
 }
 
 int TrayClient::exec()
@@ -58,25 +39,11 @@ int TrayClient::exec()
 
 void TrayClient::installSignalHandlers()
 {
-    if (g_signalPipe[0] < 0 && ::pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
-        FV_LOG(QStringLiteral("Cannot make the signal pipe; SIGINT and SIGTERM end the program at once"));
-        return;
-    }
-    m_signalNotifier = new QSocketNotifier(g_signalPipe[0], QSocketNotifier::Read, this);
-    connect(m_signalNotifier, &QSocketNotifier::activated, this, [] {
-        char signal = 0;
-        while (::read(g_signalPipe[0], &signal, 1) == 1) {
-        }
-        FV_LOG(QStringLiteral("Stopping on %1")
-                   .arg(signal == SIGINT ? QStringLiteral("SIGINT") : QStringLiteral("SIGTERM")));
+    auto *stop = new StopSignals(this);
+    connect(stop, &StopSignals::stopRequested, this, [](int signal) {
+        FV_LOG(QStringLiteral("Stopping on %1").arg(StopSignals::name(signal)));
         QCoreApplication::quit();
     });
-    struct sigaction action = {};
-    action.sa_handler = onSignal;
-    sigemptyset(&action.sa_mask);
-    action.sa_flags = SA_RESTART;
-    ::sigaction(SIGINT, &action, nullptr);
-    ::sigaction(SIGTERM, &action, nullptr);
 }
 
 void TrayClient::start()

@@ -16,7 +16,6 @@
 
 class AppDelegate;
 class DesktopShell;
-class QSocketNotifier;
 
 class TrayClient final : public QObject
 {
@@ -37,6 +36,5 @@ private:
     HeadlessClient::Options m_options;
     std::unique_ptr<AppDelegate> m_delegate;
     std::unique_ptr<DesktopShell> m_shell;
-    QSocketNotifier *m_signalNotifier = nullptr;
     bool m_setUpDone = false;
 };

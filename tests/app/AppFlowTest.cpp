@@ -27,30 +27,6 @@ QString tr(const char *key)
     return LanguageUtil::getStringByKey(QString::fromLatin1(key));
 }
 
-// Sets an environment variable for the scope, restoring the old value after.
-class EnvGuard
-{
-public:
-    EnvGuard(const char *name, const QString &value) : m_name(name), m_had(qEnvironmentVariableIsSet(name))
-    {
-        m_old = qgetenv(name);
-        qputenv(name, QFile::encodeName(value));
-    }
-    ~EnvGuard()
-    {
-        if (m_had)
-            qputenv(m_name, m_old);
-        else
-            qunsetenv(m_name);
-    }
-    Q_DISABLE_COPY_MOVE(EnvGuard)
-
-private:
-    const char *m_name;
-    bool m_had;
-    QByteArray m_old;
-};
-
 // A private home, data and config folder; the server with one account.
 class AppFlow : public ::testing::Test
 {
@@ -88,8 +64,8 @@ protected:
 
     QTemporaryDir homeDir;
     QTemporaryDir configDir;
-    EnvGuard homeEnv{"HOME", homeDir.path()};
-    EnvGuard configEnv{"XDG_CONFIG_HOME", configDir.path()};
+    TestUtil::EnvGuard homeEnv{"HOME", homeDir.path()};
+    TestUtil::EnvGuard configEnv{"XDG_CONFIG_HOME", configDir.path()};
     TestUtil::TempDataHome dataHome;
     TestServer server;
 };

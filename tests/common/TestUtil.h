@@ -2,9 +2,9 @@
 // Helpers shared by the test executables.
 
 #include <QByteArray>
+#include <QFile>
 #include <QString>
 #include <QTemporaryDir>
-
 #include <functional>
 
 namespace TestUtil {
@@ -31,5 +31,29 @@ private:
 // Writes `data` to `path`, creating parent folders. Returns false on failure.
 bool writeFile(const QString &path, const QByteArray &data);
 QByteArray readFile(const QString &path);
+
+// Sets an environment variable for the scope, restoring the old value after.
+class EnvGuard
+{
+public:
+    EnvGuard(const char *name, const QString &value) : m_name(name), m_had(qEnvironmentVariableIsSet(name))
+    {
+        m_old = qgetenv(name);
+        qputenv(name, QFile::encodeName(value));
+    }
+    ~EnvGuard()
+    {
+        if (m_had)
+            qputenv(m_name, m_old);
+        else
+            qunsetenv(m_name);
+    }
+    Q_DISABLE_COPY_MOVE(EnvGuard)
+
+private:
+    const char *m_name;
+    bool m_had;
+    QByteArray m_old;
+};
 
 } // namespace TestUtil

@@ -346,6 +346,34 @@ Tree ServerProcess::tree(const QString &user)
     return tree;
 }
 
+QStringList ServerProcess::treePaths(const QString &user, bool pending)
+{
+    QUrlQuery query;
+    query.addQueryItem(QStringLiteral("user"), user);
+    if (pending)
+        query.addQueryItem(QStringLiteral("pending"), QStringLiteral("1"));
+    QStringList paths;
+    const QJsonObject reply = get(QStringLiteral("/tree?") + query.toString(QUrl::FullyEncoded));
+    for (const QJsonValue &value : reply.value(QStringLiteral("entries")).toArray())
+        paths << value.toObject().value(QStringLiteral("path")).toString();
+    return paths;
+}
+
+QString outOfStep(ServerProcess &server, const QString &user, const QList<Computer *> &computers,
+                  const Compare &how)
+{
+    const Tree expected = server.tree(user);
+    for (Computer *c : computers) {
+        QString diff = difference(expected, c->localTree(), how);
+        if (!diff.isEmpty())
+            return c->name() + QStringLiteral(" sync folder:\n") + diff;
+        diff = difference(expected, c->catalogueTree(user), how);
+        if (!diff.isEmpty())
+            return c->name() + QStringLiteral(" catalogue:\n") + diff;
+    }
+    return {};
+}
+
 // --- Computer ---
 
 Computer::Computer(const QString &name, ServerProcess &server) : m_name(name), m_server(server)

@@ -83,6 +83,9 @@ public:
     void clearLog();
 
     Tree tree(const QString &user);
+    // Every path the server holds for `user`, as listed (so a path held twice shows twice); with
+    // `pending`, files announced but never uploaded too.
+    QStringList treePaths(const QString &user, bool pending = false);
     // A server time string as seconds since the epoch, read in the server's zone.
     qint64 epochOfServerTime(const QString &serverTime) const;
 
@@ -151,6 +154,10 @@ private:
     QByteArray m_stdout;
     QByteArray m_stderr;
 };
+
+// Server tree == every computer's sync folder == its catalogue: the differences, empty when in step.
+QString outOfStep(ServerProcess &server, const QString &user, const QList<Computer *> &computers,
+                  const Compare &how = {});
 
 // The program paths in the build (beside the test executable).
 QString programPath(const QString &name);

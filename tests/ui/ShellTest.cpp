@@ -108,8 +108,8 @@ protected:
 
     QTemporaryDir homeDir;
     QTemporaryDir configDir;
-    UiTest::EnvGuard homeEnv{"HOME", homeDir.path()};
-    UiTest::EnvGuard configEnv{"XDG_CONFIG_HOME", configDir.path()};
+    TestUtil::EnvGuard homeEnv{"HOME", homeDir.path()};
+    TestUtil::EnvGuard configEnv{"XDG_CONFIG_HOME", configDir.path()};
     TestUtil::TempDataHome dataHome;
     TestServer server;
     RecordingOpener opener;
