@@ -255,6 +255,9 @@ private:
         QString workKey;                  // activity-log text key
         QString detail;                   // "<before> => <after>"
     };
+    // After a local rename or move was sent: waiting uploads of what it carried follow it. Whether
+    // any did.
+    bool followRelocation(const QString &oldPath, const QString &newPath, const ContextPtr &context);
     // The row takes its new name and place first, the item follows on disk, and the row goes back
     // when the disk refuses. Logged either way.
     void relocateItem(const std::shared_ptr<CatalogueItem> &row, bool folder, const Relocation &to,

@@ -17,6 +17,7 @@
 #include <QHash>
 #include <QSet>
 #include <QThread>
+#include <functional>
 
 namespace {
 
@@ -58,23 +59,46 @@ bool interrupted()
     return QThread::currentThread()->isInterruptionRequested();
 }
 
-// Oldest first, except that a new folder goes before everything below it. A new file's task
-// carries the file's own date, which is often older than the task of the folder it lies in (a
-// tree moved in, a folder and its first file seen together); sent first, the file would find no
-// folder on the server.
+bool atOrBelow(const QString &path, const QString &top)
+{
+    return !top.isEmpty() && (path == top || path.startsWith(top + u'/'));
+}
+
+bool isRelocation(const TaskPtr &task)
+{
+    const qint64 type = task->taskType().value_or(0);
+    return (type == 3 || type == 4) && !task->newPath().isEmpty();
+}
+
+bool isUpload(const TaskPtr &task)
+{
+    const qint64 type = task->taskType().value_or(0);
+    return type == 1 || type == 5;
+}
+
+// Oldest first, except that a task goes after what it depends on:
+// - a new folder before everything below it. A new file's task carries the file's own date, which
+//   is often older than the task of the folder it lies in (a tree moved in, a folder and its first
+//   file seen together); sent first, the file would find no folder on the server;
+// - a rename or move before everything below its new path (that place exists on the server only
+//   once it is done) and before the uploads of what it carried away (they follow the item to its
+//   new path once it is done; sent before, they would find nothing at the old one).
 QList<TaskPtr> parentsFirst(const QList<TaskPtr> &tasks)
 {
     QHash<QString, TaskPtr> newFolders;
+    QList<TaskPtr> relocations;
     for (const TaskPtr &task : tasks) {
         if (task->taskType() == 1 && task->folder().value_or(false) && !newFolders.contains(task->path()))
             newFolders.insert(task->path(), task);
+        if (isRelocation(task))
+            relocations.append(task);
     }
-    if (newFolders.isEmpty())
+    if (newFolders.isEmpty() && relocations.isEmpty())
         return tasks;
     QList<TaskPtr> ordered;
     ordered.reserve(tasks.size());
     QSet<const Task *> placed;
-    const auto place = [&](const TaskPtr &task) {
+    std::function<void(const TaskPtr &)> place = [&](const TaskPtr &task) {
         if (placed.contains(task.get()))
             return;
         placed.insert(task.get());
@@ -84,11 +108,15 @@ QList<TaskPtr> parentsFirst(const QList<TaskPtr> &tasks)
              path = CataloguePaths::deletingLastPathComponent(path))
             above.prepend(path);
         for (const QString &path : std::as_const(above)) {
-            const TaskPtr folder = newFolders.value(path);
-            if (folder && !placed.contains(folder.get())) {
-                placed.insert(folder.get());
-                ordered.append(folder);
-            }
+            if (const TaskPtr folder = newFolders.value(path))
+                place(folder);
+        }
+        for (const TaskPtr &relocation : std::as_const(relocations)) {
+            if (relocation == task)
+                continue;
+            if (atOrBelow(task->path(), relocation->newPath()) ||
+                (isUpload(task) && atOrBelow(task->path(), relocation->path())))
+                place(relocation);
         }
         ordered.append(task);
     };
@@ -214,8 +242,13 @@ int DatabaseUtils::runOneTask(const TaskPtr &task, const ContextPtr &context, bo
         result = task->taskType() == 3 ? renameTask(task, context) : moveTask(task, context);
         if (result == kErrorReadXml)
             return result;
-        if (result != -6)
+        if (result != -6) {
+            const QString from = task->path(), to = task->newPath();
             context->deleteObject(task);
+            // What followed it may now wait for a later rename (a chain): the order is made again.
+            if (followRelocation(from, to, context))
+                *restart = true;
+        }
         break;
     case 5:
         result = uploadFile(task, context);
@@ -231,6 +264,30 @@ int DatabaseUtils::runOneTask(const TaskPtr &task, const ContextPtr &context, bo
         break; // unknown codes are left alone
     }
     return result;
+}
+
+// Uploads still waiting for what a rename or move carried away go to where it went: a file
+// written and then renamed before its task ran is found under its new name. A task whose path is
+// in use again (a new item made where the old one was) stays where it is.
+bool DatabaseUtils::followRelocation(const QString &oldPath, const QString &newPath,
+                                     const ContextPtr &context)
+{
+    if (oldPath.isEmpty() || newPath.isEmpty() || oldPath == newPath)
+        return false;
+    bool changed = false;
+    for (const TaskPtr &pending : context->fetch<Task>(Predicate())) {
+        if (pending->isDeleted() || !isUpload(pending) || !atOrBelow(pending->path(), oldPath))
+            continue;
+        const QString moved = newPath + pending->path().mid(oldPath.size());
+        if (CataloguePaths::itemExists(pending->path()))
+            continue;
+        pending->setPath(moved);
+        pending->setName(CataloguePaths::lastPathComponent(moved));
+        changed = true;
+    }
+    if (changed)
+        saveContext(context, QStringLiteral("%1"));
+    return changed;
 }
 
 // --- Upload (PUT and the content) ---

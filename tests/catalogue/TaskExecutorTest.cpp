@@ -203,6 +203,49 @@ TEST_F(TaskExecutorTest, RenamesReachTheServerAndTheCatalogue)
     EXPECT_TRUE(works().contains(QStringLiteral("work_rename /papers Y")));
 }
 
+TEST_F(TaskExecutorTest, WritesAndNewItemsWaitForTheRenameOrMoveTheyDependOn)
+{
+    ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("docs/a.txt")), "alpha"));
+    ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("b.txt")), "bravo"));
+    ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("m.txt")), "mike"));
+    queue(1, QStringLiteral("docs"), true);
+    queue(1, QStringLiteral("docs/a.txt"), false);
+    queue(1, QStringLiteral("b.txt"), false);
+    queue(1, QStringLiteral("m.txt"), false);
+    runTasks();
+    expectSameEverywhere();
+
+    // Written, then renamed (or moved) before the task ran: the write's task is dated by the file,
+    // before the rename's, and names a path where nothing is any more.
+    ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("b.txt")), "bravo, written again"));
+    ASSERT_TRUE(QDir().rename(at(QStringLiteral("b.txt")), at(QStringLiteral("c.txt"))));
+    queue(5, QStringLiteral("b.txt"), false);
+    queue(3, QStringLiteral("b.txt"), false, QStringLiteral("c.txt"));
+    ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("m.txt")), "mike, written again"));
+    ASSERT_TRUE(QDir().rename(at(QStringLiteral("m.txt")), at(QStringLiteral("docs/m.txt"))));
+    queue(5, QStringLiteral("m.txt"), false);
+    queue(4, QStringLiteral("m.txt"), false, QStringLiteral("docs/m.txt"));
+    // A folder renamed, then a file made in it, whose task is dated before the rename's.
+    ASSERT_TRUE(QDir().rename(at(QStringLiteral("docs")), at(QStringLiteral("papers"))));
+    ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("papers/new.txt")), "new"));
+    queue(1, QStringLiteral("papers/new.txt"), false);
+    queue(3, QStringLiteral("docs"), true, QStringLiteral("papers"));
+    // A new folder where the renamed one was, with a file: they stay where they are.
+    ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("docs/again.txt")), "again"));
+    queue(1, QStringLiteral("docs"), true);
+    queue(1, QStringLiteral("docs/again.txt"), false);
+    runTasks();
+
+    EXPECT_TRUE(pendingTypes().isEmpty());
+    expectSameEverywhere();
+    const Tree onServer = serverTree(server(), ServerHarness::user());
+    EXPECT_EQ(onServer.value(QStringLiteral("c.txt")).md5,
+              UploadFile::getMD5OfFileAtPath(at(QStringLiteral("c.txt"))));
+    EXPECT_EQ(onServer.value(QStringLiteral("papers/m.txt")).md5,
+              UploadFile::getMD5OfFileAtPath(at(QStringLiteral("papers/m.txt"))));
+    EXPECT_TRUE(onServer.contains(QStringLiteral("docs/again.txt")));
+}
+
 TEST_F(TaskExecutorTest, DeletesReachTheServerAndAFolderMadeAgainIsSentAnew)
 {
     ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("docs/a.txt")), "alpha"));

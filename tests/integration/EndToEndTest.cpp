@@ -403,6 +403,7 @@ TEST_F(EndToEndTest, ServerNamesThatLeaveTheSyncFolderChangeNothingOutsideIt)
 
     // A first synchronisation whose listing holds such names makes nothing outside either.
     auto b = computer(QStringLiteral("b"));
+    ASSERT_TRUE(QDir().mkpath(b->syncFolder()));
     const QString bHome = QFileInfo(b->syncFolder()).absolutePath();
     const QStringList bBefore = QDir(bHome).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
     const QString listing =
