@@ -413,8 +413,21 @@ int DatabaseUtils::renameTask(const TaskPtr &task, const ContextPtr &context)
     if (folder) {
         row = getDirectoryWithPath(oldPath, context);
         if (!row) {
-            // Never uploaded: send the pending task for it at once, under the new name.
-            if (const TaskPtr pending = getTaskWithPath(oldPath, context)) {
+            // Catalogued under the new name already: a rename made here for the server (the watcher
+            // reports it like any other); nothing to send.
+            if (getDirectoryWithPath(newPath, context))
+                return -5;
+            // Never uploaded: send the pending upload for it at once, under the new name. (Only an
+            // upload: this rename's own task lies at the old path too.)
+            TaskPtr pending;
+            for (const TaskPtr &candidate :
+                 context->fetch<Task>(Predicate::equalTo(QStringLiteral("path"), oldPath))) {
+                if (candidate != task && candidate->taskType() == 1 && !candidate->isDeleted()) {
+                    pending = candidate;
+                    break;
+                }
+            }
+            if (pending) {
                 pending->setPath(newPath);
                 if (uploadFile(pending, context) == kErrorReadXml)
                     return kErrorReadXml;

@@ -462,6 +462,29 @@ TEST_F(TaskExecutorTest, RenameOfANeverUploadedFolderUploadsItUnderTheNewName)
     EXPECT_TRUE(serverTree(server(), ServerHarness::user()).contains(QStringLiteral("fresh")));
 }
 
+TEST_F(TaskExecutorTest, TheWatchersReportOfARenameFromTheServerSendsNothing)
+{
+    ASSERT_TRUE(QDir().mkpath(at(QStringLiteral("docs"))));
+    queue(1, QStringLiteral("docs"), true);
+    runTasks();
+    // The server renamed it and that was applied here; then the watcher reports the rename.
+    ASSERT_TRUE(QDir().rename(at(QStringLiteral("docs")), at(QStringLiteral("papers"))));
+    ASSERT_TRUE(worker->run([&] {
+        const DirectoryPtr row = db->getDirectoryWithPath(at(QStringLiteral("docs")), worker->context());
+        ASSERT_TRUE(row);
+        row->setName(QStringLiteral("papers"));
+        row->setPath(at(QStringLiteral("papers")));
+        ASSERT_TRUE(worker->context()->save());
+    }));
+    ASSERT_TRUE(server().renameItem(ServerHarness::user(), QStringLiteral("docs"), QStringLiteral("papers")));
+    queue(3, QStringLiteral("docs"), true, QStringLiteral("papers"));
+    server().clearRequestLog();
+    runTasks();
+    EXPECT_TRUE(pendingTypes().isEmpty());
+    EXPECT_EQ(commands(), QStringList());
+    expectSameEverywhere();
+}
+
 TEST_F(TaskExecutorTest, PlaceholderDateHoldsTheUploadAndCancellationEndsTheWorker)
 {
     LogCapture diagnostics;
