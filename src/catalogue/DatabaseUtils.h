@@ -255,8 +255,8 @@ private:
         QString workKey;                  // activity-log text key
         QString detail;                   // "<before> => <after>"
     };
-    // After a local rename or move was sent: waiting uploads of what it carried follow it. Whether
-    // any did.
+    // After a local rename or move was sent: waiting uploads of what it carried follow it, and what
+    // a moved folder holds that is neither catalogued nor waiting is queued. Whether any task was.
     bool followRelocation(const QString &oldPath, const QString &newPath, const ContextPtr &context);
     // The row takes its new name and place first, the item follows on disk, and the row goes back
     // when the disk refuses. Logged either way.

@@ -13,6 +13,7 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QDirIterator>
 #include <QFileInfo>
 #include <QHash>
 #include <QSet>
@@ -287,6 +288,34 @@ bool DatabaseUtils::followRelocation(const QString &oldPath, const QString &newP
     }
     if (changed)
         saveContext(context, QStringLiteral("%1"));
+
+    // A folder moved while something new in it waited to be sent: that task may have run (and been
+    // dropped, its path gone) before the move was reported. Whatever the folder now holds that is
+    // neither catalogued nor waiting is taken up again.
+    bool isFolder = false;
+    if (!CataloguePaths::itemExists(newPath, &isFolder) || !isFolder)
+        return changed;
+    QDirIterator it(newPath, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        const QString name = it.fileName();
+        if (name.startsWith(QLatin1String(".ferrovane-")) || name == u".DS_Store")
+            continue; // a download in progress; a Finder file
+        const bool folder = it.fileInfo().isDir();
+        const bool known =
+            folder ? bool(getDirectoryWithPath(path, context)) : bool(getFileWithPath(path, context));
+        if (known || getTaskWithPath(path, context))
+            continue;
+        FV_LOG(QStringLiteral("Not yet sent from a moved folder: %1").arg(path));
+        addTaskWithDictionary({{QStringLiteral("kKeyTaskType"), 1},
+                               {QStringLiteral("kKeyTaskFolder"), folder},
+                               {QStringLiteral("kKeyTaskPath"), path},
+                               {QStringLiteral("kKeyTaskName"), name},
+                               {QStringLiteral("kKeyTaskTime"), QDateTime::currentDateTime()}},
+                              context);
+        changed = true;
+    }
     return changed;
 }
 

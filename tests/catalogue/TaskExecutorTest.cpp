@@ -234,11 +234,20 @@ TEST_F(TaskExecutorTest, WritesAndNewItemsWaitForTheRenameOrMoveTheyDependOn)
     ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("docs/again.txt")), "again"));
     queue(1, QStringLiteral("docs"), true);
     queue(1, QStringLiteral("docs/again.txt"), false);
+    // Something made in a folder just before it moved, whose task ran (and went, its path gone)
+    // before the move was reported: taken up again after the move.
+    ASSERT_TRUE(QDir().mkpath(at(QStringLiteral("box"))));
+    queue(1, QStringLiteral("box"), true);
+    runTasks();
+    ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("box/late/f.txt")), "foxtrot"));
+    ASSERT_TRUE(QDir().rename(at(QStringLiteral("box")), at(QStringLiteral("crate"))));
+    queue(3, QStringLiteral("box"), true, QStringLiteral("crate"));
     runTasks();
 
     EXPECT_TRUE(pendingTypes().isEmpty());
     expectSameEverywhere();
     const Tree onServer = serverTree(server(), ServerHarness::user());
+    EXPECT_TRUE(onServer.contains(QStringLiteral("crate/late/f.txt")));
     EXPECT_EQ(onServer.value(QStringLiteral("c.txt")).md5,
               UploadFile::getMD5OfFileAtPath(at(QStringLiteral("c.txt"))));
     EXPECT_EQ(onServer.value(QStringLiteral("papers/m.txt")).md5,
