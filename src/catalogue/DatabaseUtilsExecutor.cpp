@@ -18,6 +18,7 @@
 #include <QHash>
 #include <QSet>
 #include <QThread>
+#include <algorithm>
 #include <functional>
 
 namespace {
@@ -245,9 +246,10 @@ int DatabaseUtils::runOneTask(const TaskPtr &task, const ContextPtr &context, bo
             return result;
         if (result != -6) {
             const QString from = task->path(), to = task->newPath();
+            const qint64 id = task->objectID();
             context->deleteObject(task);
             // What followed it may now wait for a later rename (a chain): the order is made again.
-            if (followRelocation(from, to, context))
+            if (followRelocation(from, to, id, context))
                 *restart = true;
         }
         break;
@@ -270,17 +272,29 @@ int DatabaseUtils::runOneTask(const TaskPtr &task, const ContextPtr &context, bo
 // Uploads still waiting for what a rename or move carried away go to where it went: a file
 // written and then renamed before its task ran is found under its new name. A task whose path is
 // in use again (a new item made where the old one was) stays where it is.
-bool DatabaseUtils::followRelocation(const QString &oldPath, const QString &newPath,
+bool DatabaseUtils::followRelocation(const QString &oldPath, const QString &newPath, qint64 relocationId,
                                      const ContextPtr &context)
 {
     if (oldPath.isEmpty() || newPath.isEmpty() || oldPath == newPath)
         return false;
     bool changed = false;
-    for (const TaskPtr &pending : context->fetch<Task>(Predicate())) {
+    const QList<TaskPtr> tasks = context->fetch<Task>(Predicate());
+    for (const TaskPtr &pending : tasks) {
         if (pending->isDeleted() || !isUpload(pending) || !atOrBelow(pending->path(), oldPath))
             continue;
         const QString moved = newPath + pending->path().mid(oldPath.size());
         if (CataloguePaths::itemExists(pending->path()))
+            continue;
+        // Tasks are numbered as they are recorded: an upload belongs to the first rename or move
+        // away from its place recorded after it (one recorded later is a new item's, made there
+        // after the old one left).
+        const qint64 id = pending->objectID();
+        const bool someoneElses =
+            id > relocationId || std::any_of(tasks.cbegin(), tasks.cend(), [&](const TaskPtr &other) {
+                return !other->isDeleted() && isRelocation(other) && other->objectID() > id &&
+                       other->objectID() < relocationId && atOrBelow(pending->path(), other->path());
+            });
+        if (someoneElses)
             continue;
         pending->setPath(moved);
         pending->setName(CataloguePaths::lastPathComponent(moved));

@@ -230,6 +230,17 @@ TEST_F(TaskExecutorTest, WritesAndNewItemsWaitForTheRenameOrMoveTheyDependOn)
     ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("papers/new.txt")), "new"));
     queue(1, QStringLiteral("papers/new.txt"), false);
     queue(3, QStringLiteral("docs"), true, QStringLiteral("papers"));
+    // Renamed away, a new file made under the old name and renamed twice: the new file's tasks go
+    // with the last renames, not with the first.
+    ASSERT_TRUE(QDir().rename(at(QStringLiteral("c.txt")), at(QStringLiteral("d.txt"))));
+    ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("c.txt")), "charlie, the second"));
+    ASSERT_TRUE(QDir().rename(at(QStringLiteral("c.txt")), at(QStringLiteral("e.txt"))));
+    ASSERT_TRUE(QDir().rename(at(QStringLiteral("e.txt")), at(QStringLiteral("f.txt"))));
+    queue(3, QStringLiteral("c.txt"), false, QStringLiteral("d.txt"));
+    queue(1, QStringLiteral("c.txt"), false);
+    queue(5, QStringLiteral("c.txt"), false);
+    queue(3, QStringLiteral("c.txt"), false, QStringLiteral("e.txt"));
+    queue(3, QStringLiteral("e.txt"), false, QStringLiteral("f.txt"));
     // A new folder where the renamed one was, with a file: they stay where they are.
     ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("docs/again.txt")), "again"));
     queue(1, QStringLiteral("docs"), true);
@@ -248,8 +259,10 @@ TEST_F(TaskExecutorTest, WritesAndNewItemsWaitForTheRenameOrMoveTheyDependOn)
     expectSameEverywhere();
     const Tree onServer = serverTree(server(), ServerHarness::user());
     EXPECT_TRUE(onServer.contains(QStringLiteral("crate/late/f.txt")));
-    EXPECT_EQ(onServer.value(QStringLiteral("c.txt")).md5,
-              UploadFile::getMD5OfFileAtPath(at(QStringLiteral("c.txt"))));
+    EXPECT_EQ(onServer.value(QStringLiteral("d.txt")).md5,
+              UploadFile::getMD5OfFileAtPath(at(QStringLiteral("d.txt"))));
+    EXPECT_EQ(onServer.value(QStringLiteral("f.txt")).md5,
+              UploadFile::getMD5OfFileAtPath(at(QStringLiteral("f.txt"))));
     EXPECT_EQ(onServer.value(QStringLiteral("papers/m.txt")).md5,
               UploadFile::getMD5OfFileAtPath(at(QStringLiteral("papers/m.txt"))));
     EXPECT_TRUE(onServer.contains(QStringLiteral("docs/again.txt")));
