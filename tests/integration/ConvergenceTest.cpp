@@ -185,6 +185,9 @@ class Mutator
 public:
     Mutator(std::mt19937_64 &random, QStringList &journal) : m_random(random), m_journal(journal) {}
 
+    // A new period begins after the trees agreed: everything written so far has settled.
+    void settle() { m_written.clear(); }
+
     // One random operation within `partitions`; false when the actor refused it (a test fault).
     bool operate(Actor &actor, const QStringList &partitions)
     {
@@ -195,18 +198,35 @@ public:
         QList<Item> places = folders; // where new items may go: the owned partitions and below
         for (const QString &partition : partitions)
             places.append({u'/' + partition, true});
+        // Renamed, moved or deleted only once settled: an item written in this period (or a folder
+        // holding one) may still be on its way, and a file renamed in the middle of its upload
+        // leaves a folder of its name behind (the catalogue's insertion makes the path as a
+        // folder, unconditionally, a kept behaviour).
+        QList<Item> settled;
+        for (const Item &item : items) {
+            const QString path = nfc(item.path);
+            const bool busy = std::any_of(m_written.cbegin(), m_written.cend(), [&](const QString &w) {
+                return w == path || w.startsWith(path + u'/') || path.startsWith(w + u'/');
+            });
+            if (!busy)
+                settled.append(item);
+        }
 
         const int roll = pick(100);
-        if (roll < 28 || items.isEmpty()) {
+        const auto createFile = [&] {
             const QString where = places.at(pick(places.size())).path;
             const QString name = freshName(actor, items, where, QStringLiteral(".txt"));
+            m_written.insert(nfc(where + u'/' + name));
             return done(actor, QStringLiteral("create file %1").arg(where + u'/' + name),
                         actor.write(where + u'/' + name, content()));
-        }
+        };
+        if (roll < 28 || items.isEmpty())
+            return createFile();
         if (roll < 38) {
             const QString where = places.at(pick(places.size())).path;
             const QString name = freshName(actor, items, where, QString());
             const QString folder = where + u'/' + name;
+            m_written.insert(nfc(folder));
             bool ok = actor.makeFolder(folder);
             // Often with something inside at once, before the first is even seen.
             if (ok && pick(2))
@@ -216,17 +236,20 @@ public:
         }
         if (roll < 58 && !files.isEmpty()) {
             const Item &file = files.at(pick(files.size()));
+            m_written.insert(nfc(file.path));
             return done(actor, QStringLiteral("edit %1").arg(file.path), actor.write(file.path, content()));
         }
+        if (settled.isEmpty())
+            return createFile();
         if (roll < 74) {
-            const Item &item = items.at(pick(items.size()));
+            const Item &item = settled.at(pick(settled.size()));
             const QString name = freshName(actor, items, parentOf(item.path),
                                            item.folder ? QString() : QStringLiteral(".txt"));
             return done(actor, QStringLiteral("rename %1 to %2").arg(item.path, name),
                         actor.rename(item.path, name));
         }
         if (roll < 86) {
-            const Item &item = items.at(pick(items.size()));
+            const Item &item = settled.at(pick(settled.size()));
             QStringList targets;
             for (const Item &place : places) {
                 const bool inside = place.path == item.path || place.path.startsWith(item.path + u'/');
@@ -240,7 +263,7 @@ public:
             return done(actor, QStringLiteral("move %1 into %2").arg(item.path, target),
                         actor.move(item.path, target));
         }
-        const Item &item = items.at(pick(items.size()));
+        const Item &item = settled.at(pick(settled.size()));
         return done(actor, QStringLiteral("delete %1").arg(item.path), actor.remove(item.path, item.folder));
     }
 
@@ -289,6 +312,7 @@ private:
 
     std::mt19937_64 &m_random;
     QStringList &m_journal;
+    QSet<QString> m_written; // composed paths written in this period
 };
 
 class ConvergenceTest : public ::testing::Test
@@ -379,6 +403,7 @@ TEST_F(ConvergenceTest, RandomChangesOnTwoComputersAndTheServerConverge)
     for (int round = 0; round < kRounds; ++round) {
         if (round % kRoundsPerPeriod == 0) {
             // A new period: the partitions are dealt out again, two to each actor.
+            mutator.settle();
             QStringList deck = kPartitions;
             std::shuffle(deck.begin(), deck.end(), random);
             for (int i = 0; i < 3; ++i)
