@@ -260,6 +260,11 @@ private:
         QString workKey;                  // activity-log text key
         QString detail;                   // "<before> => <after>"
     };
+    // After a local rename or move was sent: waiting uploads of what it carried follow it, and what
+    // a moved folder holds that is neither catalogued nor waiting is queued. Whether any task was.
+    // `relocationId`: the rename's or move's task number.
+    bool followRelocation(const QString &oldPath, const QString &newPath, qint64 relocationId,
+                          const ContextPtr &context);
     // The row takes its new name and place first, the item follows on disk, and the row goes back
     // when the disk refuses. Logged either way.
     void relocateItem(const std::shared_ptr<CatalogueItem> &row, bool folder, const Relocation &to,

@@ -13,14 +13,17 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QHash>
 #include <QSet>
 #include <QThread>
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 
 namespace {
 
@@ -62,23 +65,46 @@ bool interrupted()
     return QThread::currentThread()->isInterruptionRequested();
 }
 
-// Oldest first, except that a new folder goes before everything below it. A new file's task
-// carries the file's own date, which is often older than the task of the folder it lies in (a
-// tree moved in, a folder and its first file seen together); sent first, the file would find no
-// folder on the server.
+bool atOrBelow(const QString &path, const QString &top)
+{
+    return !top.isEmpty() && (path == top || path.startsWith(top + u'/'));
+}
+
+bool isRelocation(const TaskPtr &task)
+{
+    const qint64 type = task->taskType().value_or(0);
+    return (type == 3 || type == 4) && !task->newPath().isEmpty();
+}
+
+bool isUpload(const TaskPtr &task)
+{
+    const qint64 type = task->taskType().value_or(0);
+    return type == 1 || type == 5;
+}
+
+// Oldest first, except that a task goes after what it depends on:
+// - a new folder before everything below it. A new file's task carries the file's own date, which
+//   is often older than the task of the folder it lies in (a tree moved in, a folder and its first
+//   file seen together); sent first, the file would find no folder on the server;
+// - a rename or move before everything below its new path (that place exists on the server only
+//   once it is done) and before the uploads of what it carried away (they follow the item to its
+//   new path once it is done; sent before, they would find nothing at the old one).
 QList<TaskPtr> parentsFirst(const QList<TaskPtr> &tasks)
 {
     QHash<QString, TaskPtr> newFolders;
+    QList<TaskPtr> relocations;
     for (const TaskPtr &task : tasks) {
         if (task->taskType() == 1 && task->folder().value_or(false) && !newFolders.contains(task->path()))
             newFolders.insert(task->path(), task);
+        if (isRelocation(task))
+            relocations.append(task);
     }
-    if (newFolders.isEmpty())
+    if (newFolders.isEmpty() && relocations.isEmpty())
         return tasks;
     QList<TaskPtr> ordered;
     ordered.reserve(tasks.size());
     QSet<const Task *> placed;
-    const auto place = [&](const TaskPtr &task) {
+    std::function<void(const TaskPtr &)> place = [&](const TaskPtr &task) {
         if (placed.contains(task.get()))
             return;
         placed.insert(task.get());
@@ -88,11 +114,15 @@ QList<TaskPtr> parentsFirst(const QList<TaskPtr> &tasks)
              path = CataloguePaths::deletingLastPathComponent(path))
             above.prepend(path);
         for (const QString &path : std::as_const(above)) {
-            const TaskPtr folder = newFolders.value(path);
-            if (folder && !placed.contains(folder.get())) {
-                placed.insert(folder.get());
-                ordered.append(folder);
-            }
+            if (const TaskPtr folder = newFolders.value(path))
+                place(folder);
+        }
+        for (const TaskPtr &relocation : std::as_const(relocations)) {
+            if (relocation == task)
+                continue;
+            if (atOrBelow(task->path(), relocation->newPath()) ||
+                (isUpload(task) && atOrBelow(task->path(), relocation->path())))
+                place(relocation);
         }
         ordered.append(task);
     };
@@ -218,8 +248,14 @@ int DatabaseUtils::runOneTask(const TaskPtr &task, const ContextPtr &context, bo
         result = task->taskType() == 3 ? renameTask(task, context) : moveTask(task, context);
         if (result == kErrorReadXml)
             return result;
-        if (result != -6)
+        if (result != -6) {
+            const QString from = task->path(), to = task->newPath();
+            const qint64 id = task->objectID();
             context->deleteObject(task);
+            // What followed it may now wait for a later rename (a chain): the order is made again.
+            if (followRelocation(from, to, id, context))
+                *restart = true;
+        }
         break;
     case 5:
         result = uploadFile(task, context);
@@ -235,6 +271,70 @@ int DatabaseUtils::runOneTask(const TaskPtr &task, const ContextPtr &context, bo
         break; // unknown codes are left alone
     }
     return result;
+}
+
+// Uploads still waiting for what a rename or move carried away go to where it went: a file
+// written and then renamed before its task ran is found under its new name. A task whose path is
+// in use again (a new item made where the old one was) stays where it is.
+bool DatabaseUtils::followRelocation(const QString &oldPath, const QString &newPath, qint64 relocationId,
+                                     const ContextPtr &context)
+{
+    if (oldPath.isEmpty() || newPath.isEmpty() || oldPath == newPath)
+        return false;
+    bool changed = false;
+    const QList<TaskPtr> tasks = context->fetch<Task>(Predicate());
+    for (const TaskPtr &pending : tasks) {
+        if (pending->isDeleted() || !isUpload(pending) || !atOrBelow(pending->path(), oldPath))
+            continue;
+        const QString moved = newPath + pending->path().mid(oldPath.size());
+        if (CataloguePaths::itemExists(pending->path()))
+            continue;
+        // Tasks are numbered as they are recorded: an upload belongs to the first rename or move
+        // away from its place recorded after it (one recorded later is a new item's, made there
+        // after the old one left).
+        const qint64 id = pending->objectID();
+        const bool someoneElses =
+            id > relocationId || std::any_of(tasks.cbegin(), tasks.cend(), [&](const TaskPtr &other) {
+                return !other->isDeleted() && isRelocation(other) && other->objectID() > id &&
+                       other->objectID() < relocationId && atOrBelow(pending->path(), other->path());
+            });
+        if (someoneElses)
+            continue;
+        pending->setPath(moved);
+        pending->setName(CataloguePaths::lastPathComponent(moved));
+        changed = true;
+    }
+    if (changed)
+        saveContext(context, QStringLiteral("%1"));
+
+    // A folder moved while something new in it waited to be sent: that task may have run (and been
+    // dropped, its path gone) before the move was reported. Whatever the folder now holds that is
+    // neither catalogued nor waiting is taken up again.
+    bool isFolder = false;
+    if (!CataloguePaths::itemExists(newPath, &isFolder) || !isFolder)
+        return changed;
+    QDirIterator it(newPath, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        const QString name = it.fileName();
+        if (name.startsWith(QLatin1String(".ferrovane-")) || name == u".DS_Store")
+            continue; // a download in progress; a Finder file
+        const bool folder = it.fileInfo().isDir();
+        const bool known =
+            folder ? bool(getDirectoryWithPath(path, context)) : bool(getFileWithPath(path, context));
+        if (known || getTaskWithPath(path, context))
+            continue;
+        FV_LOG(QStringLiteral("Not yet sent from a moved folder: %1").arg(path));
+        addTaskWithDictionary({{QStringLiteral("kKeyTaskType"), 1},
+                               {QStringLiteral("kKeyTaskFolder"), folder},
+                               {QStringLiteral("kKeyTaskPath"), path},
+                               {QStringLiteral("kKeyTaskName"), name},
+                               {QStringLiteral("kKeyTaskTime"), QDateTime::currentDateTime()}},
+                              context);
+        changed = true;
+    }
+    return changed;
 }
 
 // --- Upload (PUT and the content) ---
@@ -368,8 +468,21 @@ int DatabaseUtils::renameTask(const TaskPtr &task, const ContextPtr &context)
     if (folder) {
         row = getDirectoryWithPath(oldPath, context);
         if (!row) {
-            // Never uploaded: send the pending task for it at once, under the new name.
-            if (const TaskPtr pending = getTaskWithPath(oldPath, context)) {
+            // Catalogued under the new name already: a rename made here for the server (the watcher
+            // reports it like any other); nothing to send.
+            if (getDirectoryWithPath(newPath, context))
+                return -5;
+            // Never uploaded: send the pending upload for it at once, under the new name. (Only an
+            // upload: this rename's own task lies at the old path too.)
+            TaskPtr pending;
+            for (const TaskPtr &candidate :
+                 context->fetch<Task>(Predicate::equalTo(QStringLiteral("path"), oldPath))) {
+                if (candidate != task && candidate->taskType() == 1 && !candidate->isDeleted()) {
+                    pending = candidate;
+                    break;
+                }
+            }
+            if (pending) {
                 pending->setPath(newPath);
                 if (uploadFile(pending, context) == kErrorReadXml)
                     return kErrorReadXml;

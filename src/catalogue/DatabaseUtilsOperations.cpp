@@ -397,8 +397,13 @@ void DatabaseUtils::deleteDirectoryContainsPath(const QString &path, const Conte
 {
     if (!context)
         return;
-    for (const DirectoryPtr &row : getDirectoryContainPath(path, context))
-        context->deleteObject(row);
+    // The lookup ignores case and accents; here that would take a look-alike folder's rows
+    // ("Docs" beside "docs", "cafe" beside "café"), which on this system are other items.
+    const QString prefix = path + u'/';
+    for (const DirectoryPtr &row : getDirectoryContainPath(path, context)) {
+        if (row->path().startsWith(prefix))
+            context->deleteObject(row);
+    }
     saveContext(context, QStringLiteral("Save data error: %1"));
 }
 
@@ -406,8 +411,11 @@ void DatabaseUtils::deleteFileContainsPath(const QString &path, const ContextPtr
 {
     if (!context)
         return;
-    for (const FilePtr &row : getFileContainPath(path, context))
-        context->deleteObject(row);
+    const QString prefix = path + u'/';
+    for (const FilePtr &row : getFileContainPath(path, context)) {
+        if (row->path().startsWith(prefix)) // as above: look-alike folders keep their rows
+            context->deleteObject(row);
+    }
     saveContext(context, QStringLiteral("Save data error: %1"));
 }
 

@@ -276,7 +276,14 @@ private:
     void invalidSession();
     void noInternetConnection();
     void applyTask(const ProcessTask &task, const std::shared_ptr<ManagedObjectContext> &context);
-    QString localPathOfServerPath(const QString &serverPath) const;
+    // The local path of a server path; `asSpelledHere` takes the Unicode spelling of names that
+    // are already on disk (CataloguePaths::localSpelling).
+    QString localPathOfServerPath(const QString &serverPath, bool asSpelledHere = true) const;
+    // Whether the server item `key` (in folder `parentKey`, when given) would land, through the
+    // spelling on disk, on another catalogued item: two server names that differ only in their
+    // Unicode normalisation. The second of them is skipped rather than written over the first.
+    bool isSpellingTwin(const QString &literal, const QString &local, const QString &key,
+                        const QString &parentKey, const std::shared_ptr<ManagedObjectContext> &context);
 
     // Daemon link helpers.
     void handleSocketBytes();

@@ -33,6 +33,27 @@ std::optional<qint64> integerOf(const QString &text)
     return text.trimmed().toLongLong();
 }
 
+// Names are sent to the server composed, so of two entries of one listing whose names differ only
+// in their Unicode normalisation, only the composed one can be kept in step from here: the other
+// is left on the server (said in a diagnostic line) rather than take the same place on disk.
+bool shadowedByComposedTwin(const std::shared_ptr<GDataXMLElement> &child,
+                            const QList<std::shared_ptr<GDataXMLElement>> &siblings)
+{
+    const QString name = attribute(child, QStringLiteral("NAME"));
+    const QString composedName = name.normalized(QString::NormalizationForm_C);
+    if (name == composedName)
+        return false;
+    for (const auto &sibling : siblings) {
+        if (attribute(sibling, QStringLiteral("NAME")) == composedName) {
+            FV_LOG(QStringLiteral("Item %1 skipped: its name is another spelling of item %2's (\"%3\")")
+                       .arg(attribute(child, QStringLiteral("KEY")),
+                            attribute(sibling, QStringLiteral("KEY")), composedName));
+            return true;
+        }
+    }
+    return false;
+}
+
 } // namespace
 
 void ProcessWindowController::firstTimeSync()
@@ -109,7 +130,10 @@ void ProcessWindowController::firstTimeSync()
                 utils->setIsDoTask(false);
                 endThread();
             }
-            for (const auto &child : childElements(list)) {
+            const auto children = childElements(list);
+            for (const auto &child : children) {
+                if (shadowedByComposedTwin(child, children))
+                    continue;
                 runOnListenerAndWait([&] {
                     const auto listenerContext = listenerManagedObjectContext();
                     if (child->name() == u"DIR")
@@ -290,8 +314,11 @@ void ProcessWindowController::getContentInFolder(const std::shared_ptr<GDataXMLE
             Pace::sleep(1000);
             continue;
         }
-        for (const auto &child : childElements(firstElement(reply, QStringLiteral("LIST")))) {
+        const auto children = childElements(firstElement(reply, QStringLiteral("LIST")));
+        for (const auto &child : children) {
             endThreadIfNotAlive();
+            if (shadowedByComposedTwin(child, children))
+                continue;
             child->addAttribute(GDataXMLNode::attributeWithName(QStringLiteral("PKEY"), key));
             if (child->name() == u"DIR")
                 getContentInFolder(child, folderPath, context);
@@ -324,9 +351,10 @@ QString ProcessWindowController::addDirWithElement(const std::shared_ptr<GDataXM
     if (!CataloguePaths::checkName(name, QStringLiteral("Folder")))
         return {};
     const QString local = CataloguePaths::localSpelling(parentPath + u'/' + name, root);
-    name = CataloguePaths::nameAsSpelled(name, local);
-    if (!CataloguePaths::checkInside(local, root, QStringLiteral("Folder")))
+    if (!CataloguePaths::checkInside(local, root, QStringLiteral("Folder")) ||
+        isSpellingTwin(parentPath + u'/' + name, local, key, QString(), context))
         return {};
+    name = CataloguePaths::nameAsSpelled(name, local);
     if (!QDir().mkpath(local)) {
         FV_LOG(QStringLiteral("Cannot create path: %1").arg(local));
         return {};
@@ -382,7 +410,8 @@ void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLE
     if (!CataloguePaths::checkName(name, QStringLiteral("File")))
         return;
     const QString local = CataloguePaths::localSpelling(parentPath + u'/' + name, root);
-    if (!CataloguePaths::checkInside(local, root, QStringLiteral("File")))
+    if (!CataloguePaths::checkInside(local, root, QStringLiteral("File")) ||
+        isSpellingTwin(parentPath + u'/' + name, local, key, QString(), context))
         return;
     name = CataloguePaths::nameAsSpelled(name, local);
     FilePtr row = utils->getFileWithKey(key, context);

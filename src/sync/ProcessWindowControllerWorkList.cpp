@@ -164,7 +164,7 @@ void ProcessWindowController::invalidSession()
     QThread::currentThread()->quit();
 }
 
-QString ProcessWindowController::localPathOfServerPath(const QString &serverPath) const
+QString ProcessWindowController::localPathOfServerPath(const QString &serverPath, bool asSpelledHere) const
 {
     const QString root = path();
     // Only the first occurrence stands for the sync folder: a name may contain the word too.
@@ -176,7 +176,34 @@ QString ProcessWindowController::localPathOfServerPath(const QString &serverPath
         local = root + serverPath;
     else
         local = root + u'/' + serverPath;
-    return CataloguePaths::localSpelling(local, root);
+    return asSpelledHere ? CataloguePaths::localSpelling(local, root) : local;
+}
+
+bool ProcessWindowController::isSpellingTwin(const QString &literal, const QString &local, const QString &key,
+                                             const QString &parentKey,
+                                             const std::shared_ptr<ManagedObjectContext> &context)
+{
+    if (literal == local || !context)
+        return false;
+    const std::shared_ptr<DatabaseUtils> utils = db();
+    QString other;
+    if (const FilePtr file = utils->getFileWithPath(local, context))
+        other = file->key();
+    else if (const DirectoryPtr folder = utils->getDirectoryWithPath(local, context))
+        other = folder->key();
+    // The folder it goes into was found under another spelling too: it must be the item's parent.
+    const QString parent = CataloguePaths::deletingLastPathComponent(local);
+    if (other.isEmpty() && !parentKey.isEmpty() &&
+        parent != CataloguePaths::deletingLastPathComponent(literal)) {
+        if (const DirectoryPtr folder = utils->getDirectoryWithPath(parent, context);
+            folder && folder->key() != parentKey)
+            other = folder->key();
+    }
+    if (other.isEmpty() || other == key)
+        return false;
+    FV_LOG(QStringLiteral("Item %1 skipped: its name is another spelling of item %2's at %3")
+               .arg(key, other, CataloguePaths::relativePath(local, path())));
+    return true;
 }
 
 // --- Work-item builders ---
@@ -205,6 +232,9 @@ void ProcessWindowController::addObjectWithXmlElement(const std::shared_ptr<GDat
     const QString local = localPathOfServerPath(element->stringValue());
     if (!CataloguePaths::checkName(name, QStringLiteral("Work item")) ||
         !CataloguePaths::checkInside(local, path(), QStringLiteral("Work item")))
+        return;
+    if (!row && isSpellingTwin(localPathOfServerPath(element->stringValue(), false), local, key,
+                               attribute(element, QStringLiteral("PKEY")), context))
         return;
     const QStringList record = {
         CataloguePaths::nameAsSpelled(name, local), attribute(element, QStringLiteral("SIZE")),

@@ -235,6 +235,10 @@ void InotifyTreeStream::handleEvent(int wd, std::uint32_t mask, std::uint32_t co
             if (pending != m_pendingMoves.cend()) {
                 renameWatches(pending.value(), path);
                 m_pendingMoves.erase(pending);
+                // Made and renamed before its watch could be set (mkdir then mv at once): it is
+                // watched now, and what it already holds is reported as made.
+                if (!m_wds.contains(path))
+                    watchTree(path, ScanMode::Created);
             } else {
                 watchTree(path, ScanMode::Found);
             }

@@ -203,6 +203,71 @@ TEST_F(TaskExecutorTest, RenamesReachTheServerAndTheCatalogue)
     EXPECT_TRUE(works().contains(QStringLiteral("work_rename /papers Y")));
 }
 
+TEST_F(TaskExecutorTest, WritesAndNewItemsWaitForTheRenameOrMoveTheyDependOn)
+{
+    ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("docs/a.txt")), "alpha"));
+    ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("b.txt")), "bravo"));
+    ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("m.txt")), "mike"));
+    queue(1, QStringLiteral("docs"), true);
+    queue(1, QStringLiteral("docs/a.txt"), false);
+    queue(1, QStringLiteral("b.txt"), false);
+    queue(1, QStringLiteral("m.txt"), false);
+    runTasks();
+    expectSameEverywhere();
+
+    // Written, then renamed (or moved) before the task ran: the write's task is dated by the file,
+    // before the rename's, and names a path where nothing is any more.
+    ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("b.txt")), "bravo, written again"));
+    ASSERT_TRUE(QDir().rename(at(QStringLiteral("b.txt")), at(QStringLiteral("c.txt"))));
+    queue(5, QStringLiteral("b.txt"), false);
+    queue(3, QStringLiteral("b.txt"), false, QStringLiteral("c.txt"));
+    ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("m.txt")), "mike, written again"));
+    ASSERT_TRUE(QDir().rename(at(QStringLiteral("m.txt")), at(QStringLiteral("docs/m.txt"))));
+    queue(5, QStringLiteral("m.txt"), false);
+    queue(4, QStringLiteral("m.txt"), false, QStringLiteral("docs/m.txt"));
+    // A folder renamed, then a file made in it, whose task is dated before the rename's.
+    ASSERT_TRUE(QDir().rename(at(QStringLiteral("docs")), at(QStringLiteral("papers"))));
+    ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("papers/new.txt")), "new"));
+    queue(1, QStringLiteral("papers/new.txt"), false);
+    queue(3, QStringLiteral("docs"), true, QStringLiteral("papers"));
+    // Renamed away, a new file made under the old name and renamed twice: the new file's tasks go
+    // with the last renames, not with the first.
+    ASSERT_TRUE(QDir().rename(at(QStringLiteral("c.txt")), at(QStringLiteral("d.txt"))));
+    ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("c.txt")), "charlie, the second"));
+    ASSERT_TRUE(QDir().rename(at(QStringLiteral("c.txt")), at(QStringLiteral("e.txt"))));
+    ASSERT_TRUE(QDir().rename(at(QStringLiteral("e.txt")), at(QStringLiteral("f.txt"))));
+    queue(3, QStringLiteral("c.txt"), false, QStringLiteral("d.txt"));
+    queue(1, QStringLiteral("c.txt"), false);
+    queue(5, QStringLiteral("c.txt"), false);
+    queue(3, QStringLiteral("c.txt"), false, QStringLiteral("e.txt"));
+    queue(3, QStringLiteral("e.txt"), false, QStringLiteral("f.txt"));
+    // A new folder where the renamed one was, with a file: they stay where they are.
+    ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("docs/again.txt")), "again"));
+    queue(1, QStringLiteral("docs"), true);
+    queue(1, QStringLiteral("docs/again.txt"), false);
+    // Something made in a folder just before it moved, whose task ran (and went, its path gone)
+    // before the move was reported: taken up again after the move.
+    ASSERT_TRUE(QDir().mkpath(at(QStringLiteral("box"))));
+    queue(1, QStringLiteral("box"), true);
+    runTasks();
+    ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("box/late/f.txt")), "foxtrot"));
+    ASSERT_TRUE(QDir().rename(at(QStringLiteral("box")), at(QStringLiteral("crate"))));
+    queue(3, QStringLiteral("box"), true, QStringLiteral("crate"));
+    runTasks();
+
+    EXPECT_TRUE(pendingTypes().isEmpty());
+    expectSameEverywhere();
+    const Tree onServer = serverTree(server(), ServerHarness::user());
+    EXPECT_TRUE(onServer.contains(QStringLiteral("crate/late/f.txt")));
+    EXPECT_EQ(onServer.value(QStringLiteral("d.txt")).md5,
+              UploadFile::getMD5OfFileAtPath(at(QStringLiteral("d.txt"))));
+    EXPECT_EQ(onServer.value(QStringLiteral("f.txt")).md5,
+              UploadFile::getMD5OfFileAtPath(at(QStringLiteral("f.txt"))));
+    EXPECT_EQ(onServer.value(QStringLiteral("papers/m.txt")).md5,
+              UploadFile::getMD5OfFileAtPath(at(QStringLiteral("papers/m.txt"))));
+    EXPECT_TRUE(onServer.contains(QStringLiteral("docs/again.txt")));
+}
+
 TEST_F(TaskExecutorTest, DeletesReachTheServerAndAFolderMadeAgainIsSentAnew)
 {
     ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("docs/a.txt")), "alpha"));
@@ -417,6 +482,29 @@ TEST_F(TaskExecutorTest, RenameOfANeverUploadedFolderUploadsItUnderTheNewName)
     EXPECT_EQ(commands(), QStringList{QStringLiteral("PUT")});
     expectSameEverywhere();
     EXPECT_TRUE(serverTree(server(), ServerHarness::user()).contains(QStringLiteral("fresh")));
+}
+
+TEST_F(TaskExecutorTest, TheWatchersReportOfARenameFromTheServerSendsNothing)
+{
+    ASSERT_TRUE(QDir().mkpath(at(QStringLiteral("docs"))));
+    queue(1, QStringLiteral("docs"), true);
+    runTasks();
+    // The server renamed it and that was applied here; then the watcher reports the rename.
+    ASSERT_TRUE(QDir().rename(at(QStringLiteral("docs")), at(QStringLiteral("papers"))));
+    ASSERT_TRUE(worker->run([&] {
+        const DirectoryPtr row = db->getDirectoryWithPath(at(QStringLiteral("docs")), worker->context());
+        ASSERT_TRUE(row);
+        row->setName(QStringLiteral("papers"));
+        row->setPath(at(QStringLiteral("papers")));
+        ASSERT_TRUE(worker->context()->save());
+    }));
+    ASSERT_TRUE(server().renameItem(ServerHarness::user(), QStringLiteral("docs"), QStringLiteral("papers")));
+    queue(3, QStringLiteral("docs"), true, QStringLiteral("papers"));
+    server().clearRequestLog();
+    runTasks();
+    EXPECT_TRUE(pendingTypes().isEmpty());
+    EXPECT_EQ(commands(), QStringList());
+    expectSameEverywhere();
 }
 
 TEST_F(TaskExecutorTest, PlaceholderDateHoldsTheUploadAndCancellationEndsTheWorker)

@@ -6,10 +6,12 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSet>
 #include <QTemporaryDir>
+#include <QUrlQuery>
 #include <csignal>
 #include <cstdio>
 #include <gtest/gtest.h>
@@ -332,13 +334,32 @@ TEST_F(EndToEndTest, ServerAndDaemonRestartsLoseNoChange)
 
 TEST_F(EndToEndTest, ServerNamesThatLeaveTheSyncFolderChangeNothingOutsideIt)
 {
+    ASSERT_TRUE(server.put(kUser, QStringLiteral("/known.txt"), "known"));
+    ASSERT_TRUE(server.mkdir(kUser, QStringLiteral("/kept")));
     auto a = computer(QStringLiteral("a"));
     ASSERT_TRUE(a->startSyncing(kUser, kPassword));
-    ASSERT_TRUE(passes(*a, 1));
+    ASSERT_TRUE(converge({a.get()}));
+    QString fileKey, folderKey;
+    for (const QJsonValue &v :
+         server.get(QStringLiteral("/tree?user=") + kUser).value(QStringLiteral("entries")).toArray()) {
+        const QString path = v[QStringLiteral("path")].toString();
+        (path.endsWith(QLatin1String("known.txt")) ? fileKey : folderKey) =
+            v[QStringLiteral("key")].toString();
+    }
+    ASSERT_FALSE(fileKey.isEmpty());
+    ASSERT_FALSE(folderKey.isEmpty());
+
+    // Everything around the sync folder, two levels up, as it was before.
     const QString home = QFileInfo(a->syncFolder()).absolutePath();
-    const QStringList before = QDir(home).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
+    const QString above = QFileInfo(home).absolutePath();
+    const auto around = [&] {
+        const auto flags = QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System;
+        return QDir(home).entryList(flags) + QStringList{QStringLiteral("--")} + QDir(above).entryList(flags);
+    };
+    const QStringList before = around();
 
     const QString now = server.get(QStringLiteral("/time")).value(QStringLiteral("time")).toString();
+    // Names and paths that climb out, names with "/" in them, absolute paths; for new and known items.
     const QString hostile =
         QStringLiteral(
             "<XML><WORKLIST ID=\"%1\">"
@@ -346,19 +367,156 @@ TEST_F(EndToEndTest, ServerNamesThatLeaveTheSyncFolderChangeNothingOutsideIt)
             "PKEY=\"1\" TIME=\"%1\">syncfolder/../escaped.txt</ADD>"
             "<ADD ID=\"%1\" KEY=\"900002\" FOLDER=\"1\" NAME=\"/tmp\" SIZE=\"0\" MD5=\"\" PKEY=\"1\" "
             "TIME=\"%1\">/tmp/owned</ADD>"
+            "<ADD ID=\"%1\" KEY=\"900004\" FOLDER=\"0\" NAME=\"ok.txt\" SIZE=\"3\" MD5=\"\" PKEY=\"1\" "
+            "TIME=\"%1\">syncfolder/../../ok.txt</ADD>"
+            "<ADD ID=\"%1\" KEY=\"900005\" FOLDER=\"1\" NAME=\"..\" SIZE=\"-1\" MD5=\"\" PKEY=\"1\" "
+            "TIME=\"%1\">syncfolder/..</ADD>"
             "<RENAME ID=\"%1\" KEY=\"900003\" FOLDER=\"0\" NAME=\"../../renamed\">x</RENAME>"
+            "<RENAME ID=\"%1\" KEY=\"%2\" FOLDER=\"0\" NAME=\"../renamed-out.txt\">x</RENAME>"
+            "<RENAME ID=\"%1\" KEY=\"%2\" FOLDER=\"0\" NAME=\"kept/inside.txt\">x</RENAME>"
+            "<RENAME ID=\"%1\" KEY=\"%3\" FOLDER=\"1\" NAME=\"..\">x</RENAME>"
+            "<MOVE ID=\"%1\" KEY=\"%3\" FOLDER=\"1\" NAME=\"../../moved-out\" "
+            "DEST_PARENT_KEY=\"999999\">x</MOVE>"
+            "<MOVE ID=\"%1\" KEY=\"%2\" FOLDER=\"0\" NAME=\"/etc/passwd\" DEST_PARENT_KEY=\"%3\">x</MOVE>"
             "</WORKLIST></XML>")
-            .arg(now);
+            .arg(now, fileKey, folderKey);
     ASSERT_TRUE(server.fault({{QStringLiteral("kind"), QStringLiteral("body")},
                               {QStringLiteral("command"), QStringLiteral("WORKLIST")},
                               {QStringLiteral("body"), hostile}}));
+    // NUL, as a character reference and raw: such a reply is unreadable, never half applied.
+    for (const QString &nul : {QStringLiteral("&#0;"), QString(QChar(0))}) {
+        ASSERT_TRUE(server.fault(
+            {{QStringLiteral("kind"), QStringLiteral("body")},
+             {QStringLiteral("command"), QStringLiteral("WORKLIST")},
+             {QStringLiteral("body"),
+              QStringLiteral(
+                  "<XML><WORKLIST ID=\"%1\"><RENAME ID=\"%1\" KEY=\"%2\" FOLDER=\"0\" NAME=\"a%3b\">x"
+                  "</RENAME><ADD ID=\"%1\" KEY=\"900006\" FOLDER=\"0\" NAME=\"n%3.txt\" SIZE=\"1\" "
+                  "MD5=\"\" PKEY=\"1\" TIME=\"%1\">syncfolder/n%3.txt</ADD></WORKLIST></XML>")
+                  .arg(now, fileKey, nul)}}));
+    }
+    ASSERT_TRUE(waitFor([&] { return server.pendingFaults() == 0; }, kConverge));
     ASSERT_TRUE(passes(*a, 2));
-    EXPECT_EQ(QDir(home).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden), before);
+    EXPECT_EQ(around(), before);
     EXPECT_FALSE(QFile::exists(QStringLiteral("/tmp/owned")));
+    EXPECT_TRUE(a->clientRunning());
 
-    // And the client goes on syncing the rest.
+    // A first synchronisation whose listing holds such names makes nothing outside either.
+    auto b = computer(QStringLiteral("b"));
+    ASSERT_TRUE(QDir().mkpath(b->syncFolder()));
+    const QString bHome = QFileInfo(b->syncFolder()).absolutePath();
+    const QStringList bBefore = QDir(bHome).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
+    const QString listing =
+        QStringLiteral(
+            "<XML><SYNCLIST KEY=\"1\">"
+            "<DIR NAME=\"..\" TIME=\"%1\" SIZE=\"-1\" KEY=\"900010\" PKEY=\"1\"/>"
+            "<DIR NAME=\"a/../../b\" TIME=\"%1\" SIZE=\"-1\" KEY=\"900011\" PKEY=\"1\"/>"
+            "<FILE NAME=\"../../escaped.txt\" MD5=\"\" TIME=\"%1\" SIZE=\"3\" KEY=\"900012\" PKEY=\"1\"/>"
+            "<FILE NAME=\"/etc/passwd\" MD5=\"\" TIME=\"%1\" SIZE=\"3\" KEY=\"900013\" PKEY=\"1\"/>"
+            "<FILE NAME=\"\" MD5=\"\" TIME=\"%1\" SIZE=\"3\" KEY=\"900014\" PKEY=\"1\"/>"
+            "</SYNCLIST></XML>")
+            .arg(now);
+    ASSERT_TRUE(server.fault({{QStringLiteral("kind"), QStringLiteral("body")},
+                              {QStringLiteral("command"), QStringLiteral("SYNCLIST")},
+                              {QStringLiteral("body"), listing}}));
+    ASSERT_TRUE(b->startSyncing(kUser, kPassword));
+    ASSERT_TRUE(passes(*b, 1));
+    EXPECT_EQ(QDir(bHome).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden), bBefore);
+    EXPECT_EQ(QDir(b->syncFolder()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden),
+              QStringList());
+
+    // Both go on syncing the rest; the known items were neither renamed nor moved.
     ASSERT_TRUE(server.put(kUser, QStringLiteral("/fine.txt"), "fine"));
     ASSERT_TRUE(converge({a.get()}));
+    ASSERT_TRUE(waitFor([&] { return QFile::exists(b->path(QStringLiteral("/fine.txt"))); }, kConverge));
+    EXPECT_EQ(around(), before);
+}
+
+TEST_F(EndToEndTest, LookAlikeServerNamesNeverTakeEachOthersPlace)
+{
+    // Case twins are distinct items here, files and folders alike.
+    ASSERT_TRUE(server.put(kUser, QStringLiteral("/Report.txt"), "upper"));
+    ASSERT_TRUE(server.put(kUser, QStringLiteral("/report.txt"), "lower, longer"));
+    ASSERT_TRUE(server.put(kUser, QStringLiteral("/Docs/a.txt"), "in Docs"));
+    ASSERT_TRUE(server.put(kUser, QStringLiteral("/docs/a.txt"), "in docs, longer"));
+    ASSERT_TRUE(server.put(kUser, QStringLiteral("/docs/b.txt"), "b"));
+    // Spelling twins: one name composed and decomposed, two items on the server (another client
+    // made the second). The decomposed one sorts first in a listing.
+    const QString composed = QStringLiteral("Caf\u00e9.txt");
+    const QString decomposed = composed.normalized(QString::NormalizationForm_D);
+    ASSERT_TRUE(server.put(kUser, u'/' + composed, "composed"));
+    ASSERT_TRUE(server.put(kUser, u'/' + decomposed, "decomposed, longer"));
+    const auto serverMd5s = [&] {
+        QMap<QString, QString> md5s; // by the path as the server spells it
+        QUrlQuery query;
+        query.addQueryItem(QStringLiteral("user"), kUser);
+        for (const QJsonValue &v : server.get(QStringLiteral("/tree?") + query.toString(QUrl::FullyEncoded))
+                                       .value(QStringLiteral("entries"))
+                                       .toArray())
+            md5s.insert(v[QStringLiteral("path")].toString(), v[QStringLiteral("md5")].toString());
+        return md5s;
+    };
+    const auto spellings = [](Computer &c, const QString &name) {
+        QStringList found;
+        for (const QString &entry : QDir(c.syncFolder()).entryList(QDir::Files | QDir::Hidden)) {
+            if (entry.normalized(QString::NormalizationForm_C) ==
+                name.normalized(QString::NormalizationForm_C))
+                found << entry;
+        }
+        return found;
+    };
+    const auto content = [](Computer &c, const QString &relative) {
+        QFile file(c.path(relative));
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<none>");
+    };
+    const QMap<QString, QString> before = serverMd5s();
+
+    auto a = computer(QStringLiteral("a"));
+    ASSERT_TRUE(a->startSyncing(kUser, kPassword));
+    ASSERT_TRUE(waitFor([&] { return content(*a, QStringLiteral("/docs/b.txt")) == "b"; }, kConverge));
+    ASSERT_TRUE(passes(*a, 2));
+    EXPECT_EQ(content(*a, QStringLiteral("/Report.txt")), "upper");
+    EXPECT_EQ(content(*a, QStringLiteral("/report.txt")), "lower, longer");
+    EXPECT_EQ(content(*a, QStringLiteral("/Docs/a.txt")), "in Docs");
+    EXPECT_EQ(content(*a, QStringLiteral("/docs/a.txt")), "in docs, longer");
+    // The composed twin (the spelling this client sends) is the one kept, whole.
+    EXPECT_EQ(spellings(*a, composed), QStringList{composed});
+    EXPECT_EQ(content(*a, u'/' + composed), "composed");
+    EXPECT_EQ(a->catalogueTree(kUser).value(u'/' + composed).md5, md5Hex("composed"));
+
+    // A decomposed twin of a name already here, through the work list: skipped, nothing written.
+    ASSERT_TRUE(server.put(kUser, QStringLiteral("/\u00dcber.txt"), "first"));
+    ASSERT_TRUE(waitFor([&] { return content(*a, QStringLiteral("/\u00dcber.txt")) == "first"; }, kConverge));
+    ASSERT_TRUE(server.put(kUser, QStringLiteral("/U\u0308ber.txt"), "second, longer"));
+    ASSERT_TRUE(server.put(kUser, QStringLiteral("/Docs/U\u0308ber.txt"), "alone in its folder"));
+    // (Alone in its folder, a decomposed name is no twin: it comes as spelled.)
+    ASSERT_TRUE(
+        waitFor([&] { return content(*a, QStringLiteral("/Docs/U\u0308ber.txt")) == "alone in its folder"; },
+                kConverge));
+    EXPECT_EQ(spellings(*a, QStringLiteral("\u00dcber.txt")), QStringList{QStringLiteral("\u00dcber.txt")});
+    EXPECT_EQ(content(*a, QStringLiteral("/\u00dcber.txt")), "first");
+
+    // Neither side writes over the other, and nothing goes back and forth.
+    server.clearLog();
+    ASSERT_TRUE(passes(*a, 3));
+    EXPECT_EQ(changeCommands(server.commandLog()), QStringList());
+    const QMap<QString, QString> after = serverMd5s();
+    for (auto it = before.cbegin(); it != before.cend(); ++it)
+        EXPECT_EQ(after.value(it.key()), *it) << qPrintable(it.key());
+
+    // A folder deleted or renamed on the server leaves its case twin and that one's catalogue rows.
+    ASSERT_TRUE(server.remove(kUser, QStringLiteral("/docs")));
+    ASSERT_TRUE(server.rename(kUser, QStringLiteral("/report.txt"), QStringLiteral("REPORT.txt")));
+    // With the decomposed twins gone the three places agree in full.
+    ASSERT_TRUE(server.remove(kUser, u'/' + decomposed));
+    ASSERT_TRUE(server.remove(kUser, QStringLiteral("/U\u0308ber.txt")));
+    ASSERT_TRUE(converge({a.get()}));
+    EXPECT_EQ(content(*a, QStringLiteral("/Docs/a.txt")), "in Docs");
+
+    // And this computer's edit of a look-alike reaches the right item.
+    ASSERT_TRUE(a->writeFile(QStringLiteral("/Report.txt"), "upper, edited here"));
+    ASSERT_TRUE(converge({a.get()}));
+    EXPECT_EQ(server.tree(kUser).value(QStringLiteral("/REPORT.txt")).md5, md5Hex("lower, longer"));
 }
 
 TEST_F(EndToEndTest, StoppingInTheMiddleAndAnotherUserLeaveConsistentStores)
@@ -398,8 +556,8 @@ TEST_F(EndToEndTest, StoppingInTheMiddleAndAnotherUserLeaveConsistentStores)
     // The file lands before its catalogue entry is saved: wait for both.
     ASSERT_TRUE(waitFor(
         [&] {
-            return difference(server.tree(bob), a->localTree()).isEmpty()
-                && difference(server.tree(bob), a->catalogueTree(bob)).isEmpty();
+            return difference(server.tree(bob), a->localTree()).isEmpty() &&
+                   difference(server.tree(bob), a->catalogueTree(bob)).isEmpty();
         },
         kConverge))
         << qPrintable(difference(server.tree(bob), a->localTree()))

@@ -261,6 +261,18 @@ TEST_F(FSEventsListenerTree, FoldersAreFollowedWhereverTheyGo)
     EXPECT_EQ(settle(), QStringList());
 }
 
+TEST_F(FSEventsListenerTree, FolderRenamedBeforeItsWatchIsSetIsWatchedUnderItsNewName)
+{
+    // mkdir and mv at once: by the time the watcher asks for a watch the name is gone.
+    start(std::make_shared<RenamingInotify>("/quick", "/renamed"));
+    mkpath(root + u"/quick"_qs);
+    const QStringList made = settle();
+    EXPECT_TRUE(made.contains(u"folder renamed "_qs + root + u"/quick -> "_qs + root + u"/renamed"_qs))
+        << qPrintable(made.join(u'\n'));
+    write(root + u"/renamed/inside.txt"_qs);
+    EXPECT_EQ(settle(), QStringList({u"file added "_qs + root + u"/renamed/inside.txt"_qs}));
+}
+
 // The watched folder itself goes away and comes back (the sync engine recreates a missing sync
 // folder): nothing is reported under the old paths for the tree that left, and the folder is
 // watched again once it exists again.

@@ -9,6 +9,7 @@
 #include <QFileInfo>
 #include <QString>
 #include <cerrno>
+#include <cstdio>
 
 namespace WatchTest {
 
@@ -41,6 +42,33 @@ public:
 private:
     std::shared_ptr<InotifySystem> m_real = InotifySystem::real();
     QByteArray m_refused;
+};
+
+// Renames a folder whose name ends in `from` to `to` just before its watch is asked for: a folder
+// made and renamed at once, before the watcher got to it.
+class RenamingInotify final : public InotifySystem
+{
+public:
+    RenamingInotify(QByteArray from, QByteArray to) : m_from(std::move(from)), m_to(std::move(to)) {}
+    Result init() override { return m_real->init(); }
+    Result addWatch(int fd, const QByteArray &path, std::uint32_t mask) override
+    {
+        if (path.endsWith(m_from)) {
+            QByteArray renamed = path;
+            renamed.chop(m_from.size());
+            renamed.append(m_to);
+            ::rename(path.constData(), renamed.constData());
+        }
+        return m_real->addWatch(fd, path, mask);
+    }
+    Result removeWatch(int fd, int wd) override { return m_real->removeWatch(fd, wd); }
+    Result read(int fd, char *buffer, std::size_t size) override { return m_real->read(fd, buffer, size); }
+    Result wait(int fd, int timeoutMs) override { return m_real->wait(fd, timeoutMs); }
+    Result close(int fd) override { return m_real->close(fd); }
+
+private:
+    std::shared_ptr<InotifySystem> m_real = InotifySystem::real();
+    QByteArray m_from, m_to;
 };
 
 } // namespace WatchTest
