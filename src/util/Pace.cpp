@@ -1,9 +1,11 @@
 #include "util/Pace.h"
 
+#include <QMutex>
 #include <QThread>
 #include <QtGlobal>
 
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <limits>
 
@@ -18,6 +20,25 @@ double readScale()
 std::atomic<double> &factor()
 {
     static std::atomic<double> value{readScale()};
+    return value;
+}
+
+using Clock = std::chrono::steady_clock;
+
+// The account of the pauses: a span opens when the first thread starts one and closes when the
+// last one under way ends.
+struct Account
+{
+    QMutex lock;
+    int sleepers = 0;
+    qint64 pauses = 0;
+    Clock::time_point spanStart;
+    Clock::duration paused{};
+};
+
+Account &account()
+{
+    static Account value;
     return value;
 }
 } // namespace
@@ -43,8 +64,29 @@ int ms(qint64 milliseconds)
 void sleep(qint64 milliseconds)
 {
     const int scaled = ms(milliseconds);
-    if (scaled > 0)
-        QThread::msleep(ulong(scaled));
+    if (scaled <= 0)
+        return;
+    Account &a = account();
+    {
+        QMutexLocker lock(&a.lock);
+        ++a.pauses;
+        if (a.sleepers++ == 0)
+            a.spanStart = Clock::now();
+    }
+    QThread::msleep(ulong(scaled));
+    QMutexLocker lock(&a.lock);
+    if (--a.sleepers == 0)
+        a.paused += Clock::now() - a.spanStart;
+}
+
+Spent spent()
+{
+    Account &a = account();
+    QMutexLocker lock(&a.lock);
+    Clock::duration paused = a.paused;
+    if (a.sleepers > 0)
+        paused += Clock::now() - a.spanStart;
+    return {a.pauses, qint64(std::chrono::duration_cast<std::chrono::nanoseconds>(paused).count())};
 }
 
 } // namespace Pace
