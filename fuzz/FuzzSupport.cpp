@@ -1,14 +1,7 @@
 #include "FuzzSupport.h"
 
-#include "util/Log.h"
-
 #include <QStringList>
 #include <QVariantMap>
-
-// The fuzz targets link the decoders without the logging library: lines are dropped here.
-namespace Log {
-void write(const char *, const char *, int, const QString &) {}
-} // namespace Log
 
 namespace FuzzSupport {
 

@@ -6,6 +6,7 @@
 #include <QFile>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
+#include <QPointer>
 #include <QSslCertificate>
 #include <QSslConfiguration>
 #include <QThread>
@@ -14,6 +15,16 @@
 namespace {
 // The platform default for an idle request; deliberately not shortened by the time scale.
 constexpr int kInactivityTimeoutMs = 60 * 1000;
+
+QPointer<QNetworkAccessManager> g_mainManager;
+
+// Runs while the application object is still whole. The manager's connection thread closes its
+// cached TLS connections as it ends; once the application object is gone that close looks the TLS
+// backend up again and warns ("QObject::connect(QObject, Unknown): invalid nullptr parameter").
+void deleteMainManager()
+{
+    delete g_mainManager.data();
+}
 } // namespace
 
 namespace NetworkAccess {
@@ -57,9 +68,11 @@ bool isMainThread()
 QNetworkAccessManager *mainManager()
 {
     Q_ASSERT(isMainThread());
-    // Owned by the application object, so it goes before the application does.
-    static QNetworkAccessManager *manager = new QNetworkAccessManager(QCoreApplication::instance());
-    return manager;
+    if (!g_mainManager) {
+        g_mainManager = new QNetworkAccessManager(QCoreApplication::instance());
+        qAddPostRoutine(deleteMainManager);
+    }
+    return g_mainManager;
 }
 
 void runOnMainThread(const std::function<void()> &job)

@@ -2,9 +2,9 @@
 
 #include "RestLibrary/RestClient.h"
 #include "app/LanguageUtil.h"
+#include "app/ViewReplies.h"
 #include "util/AppServices.h"
 #include "util/Log.h"
-#include "xml/GDataXMLNode.h"
 
 #include <QLocale>
 #include <stdexcept>
@@ -28,12 +28,6 @@ public:
 private:
     const char *m_name;
 };
-
-double attributeNumber(const std::shared_ptr<GDataXMLElement> &element, const QString &name)
-{
-    const std::shared_ptr<GDataXMLNode> attribute = element ? element->attributeForName(name) : nullptr;
-    return attribute ? attribute->stringValue().trimmed().toDouble() : 0.0;
-}
 } // namespace
 
 AccountView::AccountView(QObject *parent) : MyViewBase(parent)
@@ -115,15 +109,10 @@ void AccountView::loadInfomationThread()
                 QStringLiteral("<XML><QUOTA SESSION=\"%1\" ></QUOTA></XML>").arg(snapshot.session));
             if (!document)
                 throw QuotaFailure("Load information fail", "Maybe internet connect lost");
-            const std::shared_ptr<GDataXMLElement> root = document->rootElement();
-            const QList<std::shared_ptr<GDataXMLElement>> quotas =
-                root ? root->elementsForName(QStringLiteral("QUOTA"))
-                     : QList<std::shared_ptr<GDataXMLElement>>();
-            const std::shared_ptr<GDataXMLElement> quota = quotas.value(0);
             // The attribute names go through the language tables on purpose.
-            const double total =
-                attributeNumber(quota, LanguageUtil::getStringByKey(QStringLiteral("TOTAL")));
-            const double used = attributeNumber(quota, LanguageUtil::getStringByKey(QStringLiteral("USED")));
+            const auto [total, used] =
+                ViewReplies::readQuota(document, LanguageUtil::getStringByKey(QStringLiteral("TOTAL")),
+                                       LanguageUtil::getStringByKey(QStringLiteral("USED")));
             m_quotaTextField.setStringValue(quotaText(text("used_total"), used, total));
             m_progressIndicator.setDoubleValue(quotaLevel(used, total));
         }

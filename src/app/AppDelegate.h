@@ -113,7 +113,7 @@ public:
     AccountView *accountView() const { return m_accountView.get(); }
 
     // --- Store stack ---
-    // Built on first use and kept for the process (the store file is named after "kKeyUseID" at that
+    // Built on first use and kept until sign-out (the store file is named after "kKeyUseID" at that
     // moment). Null, with the error presented, when the folder or the store cannot be used; the next
     // call tries again.
     std::shared_ptr<PersistentStoreCoordinator> persistentStoreCoordinator();
@@ -287,6 +287,9 @@ private:
     // Creates the folder (and its parents) with mode 0700.
     static bool makePrivateFolder(const QString &path);
     FvError storeError() const;
+    // Lets go of the store stack (main context and coordinator): the next sign-in opens the store
+    // named after its own user id.
+    void closeStore();
     void makeLoginView();
     void dropLoginView();
     void setDefaultButton(ViewControl *button);

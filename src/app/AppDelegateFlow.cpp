@@ -265,6 +265,9 @@ void AppDelegate::logout()
     clearAccountInfomation();
     stopStatusBarAnimation();
     DatabaseUtils::destroy();
+    // The store is the signed-out user's: whoever signs in next gets their own (else a second user
+    // would be catalogued in the first one's store).
+    closeStore();
     showSignedOut();
     m_isRunning = false;
     emit signedOut();

@@ -49,6 +49,8 @@ void AppDelegate::setTileForComponent()
         {&m_syncStopMenuItem, "stop_menu_item"},
         {&m_openSyncFolderMenuItem, "open_sync_folder_menu_item"},
         {&m_checkUpdateMenuItem, "check_update"},
+        {&m_autoStartCheckBox, "auto_start"},
+        {&m_preferencesPanel, "preferences_title"},
     };
     for (const auto &label : labels)
         label.control->setStringValue(text(label.key));

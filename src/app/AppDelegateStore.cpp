@@ -49,6 +49,13 @@ std::shared_ptr<PersistentStoreCoordinator> AppDelegate::persistentStoreCoordina
     return nullptr;
 }
 
+void AppDelegate::closeStore()
+{
+    std::shared_ptr<ManagedObjectContext> context = std::exchange(m_managedObjectContext, nullptr);
+    QMutexLocker lock(&m_storeLock);
+    m_persistentStoreCoordinator.reset();
+}
+
 std::shared_ptr<ManagedObjectContext> AppDelegate::managedObjectContext()
 {
     if (!m_isLogined)

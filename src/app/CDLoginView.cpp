@@ -1,13 +1,13 @@
 #include "app/CDLoginView.h"
 
 #include "app/LanguageUtil.h"
+#include "app/ViewReplies.h"
 #include "catalogue/DatabaseUtils.h"
 #include "catalogue/ManagedObjectContext.h"
 #include "protocol/GetPrimaryMACAddress.h"
 #include "util/AppServices.h"
 #include "util/Codecs.h"
 #include "util/Log.h"
-#include "xml/GDataXMLNode.h"
 
 void CDLoginViewDelegate::didLoginSuccessful(CDLoginView *) {}
 
@@ -21,12 +21,6 @@ QString trimSpaces(const QString &text)
     while (end > start && text.at(end - 1) == QLatin1Char(' '))
         --end;
     return text.mid(start, end - start);
-}
-
-QString attributeText(const std::shared_ptr<GDataXMLElement> &element, const QString &name)
-{
-    const std::shared_ptr<GDataXMLNode> attribute = element->attributeForName(name);
-    return attribute ? attribute->stringValue() : QString();
 }
 
 QString text(const char *key)
@@ -182,19 +176,8 @@ void CDLoginView::restClientDidFinishRequestwithData(RestClient *client,
         return;
     }
     m_answered = true;
-    const std::shared_ptr<GDataXMLElement> root = document ? document->rootElement() : nullptr;
-    QString result, timezone, mailId;
-    if (root) {
-        // The last LOGIN element wins; a missing RESULT counts as success.
-        for (const std::shared_ptr<GDataXMLElement> &element :
-             root->elementsForName(QStringLiteral("LOGIN"))) {
-            FV_LOG(QStringLiteral("Element Name: %1").arg(element->name()));
-            result = attributeText(element, QStringLiteral("RESULT"));
-            FV_LOG(QStringLiteral("==== Result Login: %1 ====").arg(result));
-            timezone = attributeText(element, QStringLiteral("TIMEZONE"));
-            mailId = attributeText(element, QStringLiteral("ID"));
-        }
-    }
+    // The last LOGIN element wins; a missing RESULT counts as success.
+    const auto [result, timezone, mailId] = ViewReplies::readLogin(document);
     if (result == QLatin1String("-1")) {
         showLoginFailMess();
         return;

@@ -1,6 +1,7 @@
 #include "app/HeadlessClient.h"
 
 #include "RestLibrary/NetworkAccess.h"
+#include "catalogue/DatabaseUtils.h"
 #include "catalogue/ManagedObjectContext.h"
 #include "link/DistributedNotificationCenter.h"
 #include "link/LinkNames.h"
@@ -39,6 +40,8 @@ constexpr int kQuietPollMs = 50;
 constexpr int kStopEchoMs = 2000;
 // A sign-in again after the server could not be reached during a forced re-sign-in (scaled).
 constexpr int kRetrySignInMs = 60000;
+// --once: how often the server is asked whether it can still be reached (scaled).
+constexpr int kProbeMs = 10000;
 
 QString stateName(ProcessWindowController::State state)
 {
@@ -71,14 +74,19 @@ QString HeadlessClient::usageNotes()
         "  --folder sets the sync folder as the settings view's Save would (a changed folder is\n"
         "  mirrored in full again). --sync switches sync on; once it has been switched, sync\n"
         "  comes on by itself after every sign-in until a sign-out. --once syncs once and exits.\n"
+        "  --pc-name sets the name this computer's changes are filed under on the server, as the\n"
+        "  settings' computer name would (two clients on one host need two names).\n"
         "\n"
-        "Output: one line per event on stdout, fields separated by a tab; a backslash, tab, line\n"
-        "feed or carriage return inside a field is written \\\\, \\t, \\n or \\r. First field:\n"
+        "Output with --headless: one line per event on stdout, fields separated by a tab; a\n"
+        "backslash, tab, line feed or carriage return inside a field is written \\\\, \\t, \\n or\n"
+        "\\r. First field:\n"
         "  log           from (server|local), work (string-table key, e.g. work_add),\n"
         "                result (ok|failed), kind (file|folder), size in bytes (- for folders),\n"
         "                name, path, time, description\n"
         "  message       text: a line of the activity log (the engine's progress messages)\n"
         "  notification  title, message: a desktop notification\n"
+        "  update        version, build: a newer client is on offer (declined; offered again at\n"
+        "                the next check)\n"
         "  status        word, details: signing-in, signed-in, folder, sync-on, sync-off, engine\n"
         "                (starting|idle|syncing|stalled|relogin|stopped), pass, in-step,\n"
         "                signed-out, stopping\n"
@@ -278,6 +286,15 @@ void HeadlessClient::connectDelegate()
             [this](const QString &title, const QString &message) {
                 print({QStringLiteral("notification"), title, message});
             });
+    connect(app, &AppDelegate::updateCheckerNeeded, this, [this](const QString &domain) {
+        m_checkUpdate = std::make_unique<CheckUpdate>();
+        m_checkUpdate->setDomain(domain);
+        connect(m_checkUpdate.get(), &CheckUpdate::newVersionOffered, this,
+                [this](const QString &version, const QString &build) {
+                    print({QStringLiteral("update"), version, build});
+                    m_checkUpdate->alertDidEnd(CheckUpdate::AlternateReturn);
+                });
+    });
     connect(app, &AppDelegate::errorPresented, this, [this](const FvError &error) {
         QString text = error.localizedDescription();
         const QString reason = error.userInfo.value(QStringLiteral("NSLocalizedFailureReason")).toString();
@@ -302,6 +319,13 @@ void HeadlessClient::start()
     m_delegate->applicationDidFinishLaunching(!explicitCredentials);
     if (m_finishing)
         return;
+    if (!m_options.pcName.isEmpty()) {
+        // As the settings' computer name: the name the server files this computer's changes under
+        // (a launch puts the host name there first).
+        m_delegate->pcNameTextField()->setStringValue(m_options.pcName);
+        m_delegate->setConfigValue(m_options.pcName, QStringLiteral("kKeyPCName"));
+        DatabaseUtils::instance()->setMacName(m_options.pcName);
+    }
     CDLoginView *view = m_delegate->loginView();
     if (explicitCredentials && view) {
         view->domainTextField()->setStringValue(m_options.domain);
@@ -424,6 +448,12 @@ void HeadlessClient::watchEngine(ProcessWindowController *controller)
     }
     m_engine = controller;
     m_passSeen = false;
+    if (m_options.once && !m_probeTimer) {
+        m_probeTimer = new QTimer(this);
+        m_probeTimer->setInterval(Pace::ms(kProbeMs));
+        connect(m_probeTimer, &QTimer::timeout, this, &HeadlessClient::probeServer);
+        m_probeTimer->start();
+    }
     print({QStringLiteral("status"), QStringLiteral("sync-on"), m_delegate->pathTextField()->stringValue()});
     connect(controller, &ProcessWindowController::stateChanged, this, &HeadlessClient::engineStateChanged);
     connect(controller, &ProcessWindowController::passCompleted, this, &HeadlessClient::passCompleted);
@@ -476,6 +506,40 @@ void HeadlessClient::checkInStep()
     finish(Success);
 }
 
+void HeadlessClient::checkOnceMessage(const QString &text)
+{
+    if (!m_options.once || m_finishing)
+        return;
+    // A pass without an answer, or a folder of the first sync that cannot be listed: the engine
+    // would try again and again; a single run ends here.
+    if (text != QLatin1String("No internet connection") &&
+        text != DatabaseUtils::localizedString(QStringLiteral("check_internet")))
+        return;
+    QTimer::singleShot(0, this, [this] {
+        fail(ServerUnreachable, QStringLiteral("unreachable"),
+             QStringLiteral("the server stopped answering before both sides were in step"));
+    });
+}
+
+void HeadlessClient::probeServer()
+{
+    if (m_finishing || m_probing)
+        return;
+    m_probing = true;
+    const QString host = m_delegate->getConfigValueByKey(QStringLiteral("host")).toString();
+    QNetworkReply *reply = NetworkAccess::mainManager()->get(NetworkAccess::request(QUrl(host)));
+    connect(reply, &QNetworkReply::finished, this, [this, reply, host] {
+        reply->deleteLater();
+        m_probing = false;
+        if (m_finishing || !NetworkAccess::isTransportFailure(reply))
+            return;
+        fail(
+            ServerUnreachable, QStringLiteral("unreachable"),
+            QStringLiteral("the server stopped answering before both sides were in step: cannot reach %1: %2")
+                .arg(host, reply->errorString()));
+    });
+}
+
 // --- The activity log ---
 
 void HeadlessClient::logNotification(const QString &name, const QVariant &object, const QVariantMap &userInfo)
@@ -490,5 +554,6 @@ void HeadlessClient::logNotification(const QString &name, const QVariant &object
     } else if (object.metaType() == QMetaType::fromType<QString>()) {
         // The engine's progress messages travel as the notification's object.
         print({QStringLiteral("message"), object.toString()});
+        checkOnceMessage(object.toString());
     }
 }

@@ -11,6 +11,7 @@
 // Threading: main thread only. Owns the AppDelegate it drives.
 
 #include "app/AppDelegate.h"
+#include "app/CheckUpdate.h"
 
 #include <QObject>
 #include <QPointer>
@@ -21,6 +22,7 @@
 class LogObject;
 class QCommandLineParser;
 class QSocketNotifier;
+class QTimer;
 
 class HeadlessClient final : public QObject
 {
@@ -45,6 +47,7 @@ public:
         QString password;
         bool hasPassword = false;
         QString folder;
+        QString pcName; // empty: the host name
         bool sync = false;
         bool once = false;
     };
@@ -75,6 +78,11 @@ private:
     void engineStateChanged(ProcessWindowController::State state);
     void passCompleted();
     void checkInStep();
+    // --once: a message that says the server stopped answering ends the run, not in step.
+    void checkOnceMessage(const QString &text);
+    // --once: asks the server's root whether it can still be reached (a blocked upload or a command
+    // resent until it is answered would otherwise wait for ever).
+    void probeServer();
     void logNotification(const QString &name, const QVariant &object, const QVariantMap &userInfo);
     void print(const QStringList &fields);
     void fail(ExitCode code, const QString &reason, const QString &message);
@@ -85,9 +93,14 @@ private:
 
     Options m_options;
     std::unique_ptr<AppDelegate> m_delegate;
+    // The update check of the signed-in account: an offer is printed and declined at once, so the
+    // next check can run.
+    std::unique_ptr<CheckUpdate> m_checkUpdate;
     QPointer<ProcessWindowController> m_engine;
     QSocketNotifier *m_signalNotifier = nullptr;
     bool m_signedInOnce = false;
     bool m_finishing = false;
     bool m_passSeen = false;
+    QTimer *m_probeTimer = nullptr; // --once only
+    bool m_probing = false;
 };

@@ -66,8 +66,13 @@ bool LanguageUtil::readLanguageFile(const QString &path, Table *table)
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return false;
+    return readLanguageData(file.readAll(), path, table);
+}
+
+bool LanguageUtil::readLanguageData(const QByteArray &data, const QString &path, Table *table)
+{
     FvError error;
-    const auto doc = GDataXMLDocument::initWithData(file.readAll(), 0, &error);
+    const auto doc = GDataXMLDocument::initWithData(data, 0, &error);
     const auto root = doc ? doc->rootElement() : nullptr;
     if (!root) {
         FV_LOG(u"Language file %1 cannot be parsed: %2"_s.arg(path, error.toString()));

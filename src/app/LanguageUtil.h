@@ -36,6 +36,8 @@ public:
     // attributes; a later key replaces an earlier one) into table. False, and table untouched,
     // when the file is missing or is not well-formed XML.
     static bool readLanguageFile(const QString &path, Table *table);
+    // The same for the file's contents; `path` only names it in diagnostics.
+    static bool readLanguageData(const QByteArray &data, const QString &path, Table *table);
     // The language code naming a locale's file, for example "de".
     static QString languageCode(const QLocale &locale);
     static QString resourcePathForLanguage(const QString &code);

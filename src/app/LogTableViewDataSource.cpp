@@ -1,7 +1,9 @@
 #include "app/LogTableViewDataSource.h"
 
 #include "app/LanguageUtil.h"
+#include "app/LogWindowController.h"
 
+#include <QDateTime>
 #include <QThread>
 
 namespace {
@@ -42,8 +44,12 @@ QString LogTableViewDataSource::cellText(const LogObject &entry, int column)
         return entry.path();
     case IsFolder:
         return entry.getIsFolderStr();
-    case Time:
-        return entry.time();
+    case Time: {
+        // Producers write local time as 14 digits; the table shows it in the log window's form.
+        const QDateTime date = QDateTime::fromString(entry.time(), QStringLiteral("yyyyMMddHHmmss"));
+        return entry.time().size() == 14 && date.isValid() ? date.toString(LogWindowController::dateFormat())
+                                                           : entry.time();
+    }
     case Description:
         return entry.description();
     case IsSuccess:

@@ -32,10 +32,9 @@ QVariant toVariant(plist_t node)
         return value;
     }
     case PLIST_STRING: {
-        char *value = nullptr;
-        plist_get_string_val(node, &value);
-        QString text = QString::fromUtf8(value ? value : "");
-        free(value);
+        uint64_t length = 0;
+        const char *value = plist_get_string_ptr(node, &length);
+        QString text = QString::fromUtf8(value ? value : "", value ? qsizetype(length) : 0);
         return text.isNull() ? QVariant(QStringLiteral("")) : QVariant(text);
     }
     case PLIST_DATE: {
@@ -130,6 +129,26 @@ plist_t fromVariant(const QVariant &value)
     }
 }
 
+// libplist aborts the process when asked for a dictionary key or a string that holds a NUL
+// character, which the UTF-16 strings of a binary list can carry. Such a list is read again from
+// its XML form with every NUL made U+FFFD (the XML writer keeps the NULs; its reader never makes any).
+plist_t withoutNulCharacters(plist_t root)
+{
+    char *xml = nullptr;
+    uint32_t length = 0;
+    plist_to_xml(root, &xml, &length);
+    QByteArray text(xml, xml ? qsizetype(length) : 0);
+    plist_to_xml_free(xml);
+    if (!text.contains('\0'))
+        return root;
+    plist_free(root);
+    text.replace('\0', "\xEF\xBF\xBD");
+    plist_t clean = nullptr;
+    if (text.size() <= std::numeric_limits<uint32_t>::max())
+        plist_from_xml(text.constData(), uint32_t(text.size()), &clean);
+    return clean;
+}
+
 } // namespace
 
 namespace SettingsFile {
@@ -140,6 +159,8 @@ bool parse(const QByteArray &bytes, QVariantMap *values)
         return false;
     plist_t root = nullptr;
     plist_from_memory(bytes.constData(), uint32_t(bytes.size()), &root);
+    if (root && plist_is_binary(bytes.constData(), uint32_t(bytes.size())))
+        root = withoutNulCharacters(root);
     if (!root)
         return false;
     const bool isDict = plist_get_node_type(root) == PLIST_DICT;

@@ -18,7 +18,8 @@ bool isClean(const QString &path)
 {
     if (path.isEmpty() || !path.startsWith(u'/') || path.contains(QChar(0)))
         return false;
-    return QDir::cleanPath(path) == path;
+    // cleanPath keeps a ".." that climbs above "/" ("/../etc"): refused here all the same.
+    return QDir::cleanPath(path) == path && !path.split(u'/').contains(QStringLiteral(".."));
 }
 
 } // namespace
@@ -89,6 +90,44 @@ QString relativePath(const QString &path, const QString &root)
     QString relative = path;
     relative.replace(root, QString());
     return relative;
+}
+
+QString localSpelling(const QString &path, const QString &root)
+{
+    if (root.isEmpty() || !path.startsWith(root + u'/'))
+        return path;
+    QString resolved = root;
+    const QStringList components = path.mid(root.size() + 1).split(u'/');
+    for (qsizetype i = 0; i < components.size(); ++i) {
+        const QString &name = components.at(i);
+        QString spelled = name;
+        // An ASCII name has one spelling only; the others are looked for only when it is not there.
+        const bool ascii = std::all_of(name.cbegin(), name.cend(), [](QChar c) { return c.unicode() < 128; });
+        if (!ascii && !itemExists(resolved + u'/' + name)) {
+            const QString wanted = name.normalized(QString::NormalizationForm_C);
+            const QStringList entries = QDir(resolved).entryList(QDir::AllEntries | QDir::Hidden |
+                                                                 QDir::System | QDir::NoDotAndDotDot);
+            for (const QString &entry : entries) {
+                if (entry.normalized(QString::NormalizationForm_C) == wanted) {
+                    spelled = entry;
+                    break;
+                }
+            }
+            if (spelled == name) // nothing of that name here: nothing below it either
+                return resolved + u'/' + components.mid(i).join(u'/');
+        }
+        resolved += u'/' + spelled;
+    }
+    return resolved;
+}
+
+QString nameAsSpelled(const QString &name, const QString &path)
+{
+    const QString spelled = lastPathComponent(path);
+    return spelled != name && spelled.normalized(QString::NormalizationForm_C) ==
+                                  name.normalized(QString::NormalizationForm_C)
+               ? spelled
+               : name;
 }
 
 bool itemExists(const QString &path, bool *isFolder)

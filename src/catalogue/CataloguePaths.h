@@ -27,6 +27,13 @@ QString deletingLastPathComponent(const QString &path);
 // `path` with every occurrence of `root` removed: the form shown to the user and sent in PUT.
 QString relativePath(const QString &path, const QString &root);
 
+// `path` below `root` as it is spelled on disk: a component that does not exist as given but
+// whose name has another Unicode spelling there (composed / decomposed) takes that spelling. The
+// server sends names composed; an item made here with a decomposed name stays one item.
+QString localSpelling(const QString &path, const QString &root);
+// `name` as the last component of `path` spells it, when the two are the same name.
+QString nameAsSpelled(const QString &name, const QString &path);
+
 // Whether something exists at `path` (a dangling link counts); `isFolder` tells a folder.
 bool itemExists(const QString &path, bool *isFolder = nullptr);
 // The item's modification date; invalid when its attributes cannot be read.

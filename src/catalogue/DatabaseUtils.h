@@ -197,6 +197,15 @@ public:
     std::optional<QStringList> getInfomationOfItemWithKey(const QString &key, FvError *error = nullptr);
     int checkFileIsModifierWithPath(const QString &path, const QString &timeCompare,
                                     const QString &md5Compare);
+    // Whether the file at `path` is no longer the contents a record describes (its size, then its
+    // MD5; an empty MD5 describes nothing). Times are kept to the second, so a file written again
+    // in the second of its last transfer looks unchanged by date: its contents tell.
+    static bool fileDiffersFromRecord(const QString &path, const QString &md5, const QString &size);
+    // Whether the server's copy of a file dated the same second as the local one (`serverMd5`)
+    // should replace it: the server's contents differ from the record's while the local file is
+    // still the record's.
+    static bool serverCopyReplacesSameSecond(const QString &path, const FilePtr &row,
+                                             const QString &serverMd5);
     QList<DirectoryPtr> getAllDirectoryChangedWithManagedObjectContext(const ContextPtr &context);
 
     // --- Command transport ---

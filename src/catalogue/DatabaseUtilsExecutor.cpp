@@ -1,6 +1,7 @@
 // DatabaseUtils: the task executor. Runs on the sync worker thread with that thread's context and
 // turns stored tasks into PUT (plus the content upload), RENAME, DEL and MOVE commands.
 #include "catalogue/CataloguePaths.h"
+#include "catalogue/CommandReplies.h"
 #include "catalogue/DatabaseUtils.h"
 #include "protocol/DownloadFile.h"
 #include "protocol/UploadFile.h"
@@ -50,29 +51,6 @@ QString hostWithScheme()
 {
     const QString domain = config(QStringLiteral("kKeyDomain"));
     return domain.contains(QLatin1String("https://")) ? domain : QStringLiteral("https://") + domain;
-}
-
-QList<std::shared_ptr<GDataXMLElement>> replyItems(const std::shared_ptr<GDataXMLDocument> &document,
-                                                   const QString &command)
-{
-    QList<std::shared_ptr<GDataXMLElement>> items;
-    const auto root = document ? document->rootElement() : nullptr;
-    const auto found = root ? root->elementsForName(command) : QList<std::shared_ptr<GDataXMLElement>>();
-    if (found.isEmpty())
-        return items;
-    for (const auto &child : found.first()->children()) {
-        if (child->kind() != GDataXMLElementKind)
-            continue;
-        if (auto element = std::dynamic_pointer_cast<GDataXMLElement>(child))
-            items.append(element);
-    }
-    return items;
-}
-
-QString attribute(const std::shared_ptr<GDataXMLElement> &element, const QString &name)
-{
-    const auto node = element->attributeForName(name);
-    return node ? node->stringValue() : QString();
 }
 
 bool interrupted()
@@ -243,7 +221,8 @@ int DatabaseUtils::runOneTask(const TaskPtr &task, const ContextPtr &context, bo
         result = uploadFile(task, context);
         if (result == kErrorReadXml)
             return result;
-        context->deleteObject(task);
+        if (result != -6) // an edit whose upload broke off stays, like a new file's: else it is lost
+            context->deleteObject(task);
         break;
     case 6:
         context->deleteObject(task);
@@ -306,24 +285,18 @@ int DatabaseUtils::uploadFile(const TaskPtr &task, const ContextPtr &context)
     }
     if (reply.unreadable)
         return kErrorReadXml;
-    QStringList fields;
-    for (const auto &item : replyItems(reply.document, QStringLiteral("PUT"))) {
-        const int code = item->stringValue().trimmed().toInt();
-        if (code != 1 && code != -1)
-            return code;
-        fields = {name,
-                  isFolder ? QStringLiteral("-1") : QString::number(size),
-                  QStringLiteral(""),
-                  attribute(item, QStringLiteral("KEY")),
-                  attribute(item, QStringLiteral("PKEY")),
-                  path};
-    }
+    const CommandReplies::PutReply put = CommandReplies::readPut(reply.document);
+    if (put.refusal)
+        return *put.refusal;
     if (interrupted())
         return -5;
-    if (fields.isEmpty()) {
+    if (!put.named) {
         FV_LOG(QStringLiteral("The PUT reply names no item for %1").arg(path));
         return -6;
     }
+    QStringList fields = {
+        name, isFolder ? QStringLiteral("-1") : QString::number(size), QStringLiteral(""), put.key, put.pkey,
+        path};
     const QString now = localTimeFromDate(QDateTime::currentDateTime());
 
     if (isFolder) {
@@ -339,6 +312,10 @@ int DatabaseUtils::uploadFile(const TaskPtr &task, const ContextPtr &context)
     const QString key = fields[ItemKey];
     const QString url = hostWithScheme() + QStringLiteral("/%1?do=upload&session=%2&key=%3")
                                                .arg(kEndpoint, config(QStringLiteral("kKeySESSTION")), key);
+    // The record holds the MD5 of the contents as they are sent, from the start: a file written
+    // again during the upload (even in the same second) then differs from it and goes again, and
+    // a second report of the same write finds nothing new while the upload runs or waits.
+    fields[ItemMd5] = UploadFile::getMD5OfFileAtPath(path);
     if (!insertFile(fields, context))
         return kErrorReadXml;
     if (const FilePtr row = getFileWithKey(key, context)) {
@@ -348,7 +325,6 @@ int DatabaseUtils::uploadFile(const TaskPtr &task, const ContextPtr &context)
     const QString status = UploadFile::uploadFileWithKey(key, path, url, 0, serverTime);
     if (status == u"done") {
         FV_LOG(QStringLiteral("Upload complete: %1").arg(name));
-        fields[ItemMd5] = UploadFile::getMD5OfFileAtPath(path);
         if (!insertFile(fields, context))
             return kErrorReadXml;
         if (const FilePtr row = getFileWithKey(key, context)) {
@@ -362,8 +338,9 @@ int DatabaseUtils::uploadFile(const TaskPtr &task, const ContextPtr &context)
     }
     postLogFromSync(LogObject::createLogObjectWithName(name, localizedString(QStringLiteral("work_add")),
                                                        size, relative, false, now, QString(), false));
-    // Cut off from outside: the task stays and is tried again.
-    return status == u"cancel" ? -6 : -1;
+    // Cut off or failed: the task stays and is tried again. A connection that broke before the
+    // verdict reads as "fail" too, and dropping the task would lose the change.
+    return -6;
 }
 
 // --- RENAME, DEL, MOVE ---
@@ -403,8 +380,8 @@ int DatabaseUtils::renameTask(const TaskPtr &task, const ContextPtr &context)
     if (!reply.document)
         return -6;
     const QString root = syncFolderPath(context);
-    for (const auto &item : replyItems(reply.document, QStringLiteral("RENAME"))) {
-        const int code = item->stringValue().trimmed().toInt();
+    for (const auto &item : CommandReplies::items(reply.document, QStringLiteral("RENAME"))) {
+        const int code = CommandReplies::itemCode(item);
         postLogFromSync(LogObject::createLogObjectWithName(
             newName, localizedString(QStringLiteral("work_rename")), folder ? -1 : row->size().toLongLong(),
             CataloguePaths::relativePath(newPath, root), folder,
@@ -444,8 +421,8 @@ int DatabaseUtils::deleteTask(const TaskPtr &task, const ContextPtr &context)
     if (!reply.document)
         return -6;
     const QString name = row->name();
-    for (const auto &item : replyItems(reply.document, QStringLiteral("DEL"))) {
-        const int code = item->stringValue().trimmed().toInt();
+    for (const auto &item : CommandReplies::items(reply.document, QStringLiteral("DEL"))) {
+        const int code = CommandReplies::itemCode(item);
         postLogFromSync(LogObject::createLogObjectWithName(
             name, localizedString(QStringLiteral("work_delete")), folder ? -1 : row->size().toLongLong(),
             CataloguePaths::relativePath(path, root), folder, localTimeFromDate(QDateTime::currentDateTime()),
@@ -497,8 +474,8 @@ int DatabaseUtils::moveTask(const TaskPtr &task, const ContextPtr &context)
         return kErrorReadXml;
     if (!reply.document)
         return -6;
-    for (const auto &item : replyItems(reply.document, QStringLiteral("MOVE"))) {
-        const int code = attribute(item, QStringLiteral("RESULT")).trimmed().toInt();
+    for (const auto &item : CommandReplies::items(reply.document, QStringLiteral("MOVE"))) {
+        const int code = CommandReplies::attribute(item, QStringLiteral("RESULT")).trimmed().toInt();
         postLogFromSync(LogObject::createLogObjectWithName(
             CataloguePaths::lastPathComponent(newPath), localizedString(QStringLiteral("work_move")),
             folder ? -1 : row->size().toLongLong(), CataloguePaths::relativePath(newPath, root), folder,

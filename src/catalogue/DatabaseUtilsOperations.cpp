@@ -372,20 +372,13 @@ void DatabaseUtils::changePathOfItems(const QString &newPath, const QString &old
     const QString root = syncFolderPath(context);
     if (!CataloguePaths::checkInside(newPath, root, QStringLiteral("New path")))
         return;
-    auto rewrite = [&](const std::shared_ptr<CatalogueItem> &row) {
-        // Every occurrence is replaced, not only the leading one.
-        QString path = row->path();
-        path.replace(oldPath, newPath);
-        row->setPath(path);
-    };
-    if (folders) {
-        for (const DirectoryPtr &row : getDirectoryContainPath(oldPath, context))
-            rewrite(row);
-    } else {
-        for (const FilePtr &row : getFileContainPath(oldPath, context))
-            rewrite(row);
-    }
-    saveContext(context, QStringLiteral("Save data error: %1"));
+    // Every occurrence is replaced, not only the leading one, in every row below the old path;
+    // one statement for the whole subtree, saved with the context's other changes.
+    FvError error;
+    if (!context->replaceInPaths(folders ? Directory::entityName() : File::entityName(),
+                                 Predicate::beginsWithCD(QStringLiteral("path"), oldPath + u'/'), oldPath,
+                                 newPath, &error))
+        FV_LOG(QStringLiteral("Save data error: %1").arg(error.toString()));
 }
 
 void DatabaseUtils::changePathOfDirectory(const QString &newPath, const QString &oldPath,

@@ -46,7 +46,17 @@ TaskPtr DatabaseUtils::addTaskWithDictionary(const QVariantMap &dictionary, cons
                 return nullptr; // a known folder is never queued again; an earlier task stands
             switch (checkFileIsModifierWithPath(path, row->time(), row->md5())) {
             case Unchanged:
-                return nullptr;
+                // Dates are kept to the second: written again in the second of its last transfer,
+                // a file is told changed by its contents (else the change would be lost).
+                if (!fileDiffersFromRecord(path, row->md5(), row->size())) {
+                    // Contents whose upload never finished (cut short with the engine's end) go
+                    // again, unless a task for them is still waiting or under way.
+                    const FilePtr file = std::static_pointer_cast<File>(row);
+                    if (file->uploadDone().value_or(true) || getTaskWithPath(path, context))
+                        return nullptr;
+                }
+                type = 5;
+                break;
             case ChangedLocally:
                 type = 5;
                 break;

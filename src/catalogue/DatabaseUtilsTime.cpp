@@ -2,13 +2,17 @@
 // transport under them.
 #include "RestLibrary/RestClient.h"
 #include "catalogue/CataloguePaths.h"
+#include "catalogue/CommandReplies.h"
 #include "catalogue/CommandTransport.h"
 #include "catalogue/DatabaseUtils.h"
+#include "protocol/UploadFile.h"
 #include "util/AppServices.h"
 #include "util/Log.h"
+#include "util/Pace.h"
 #include "xml/GDataXMLNode.h"
 
 #include <QCoreApplication>
+#include <QFileInfo>
 #include <QThread>
 
 namespace {
@@ -56,15 +60,6 @@ QDateTime parsed(const QString &text, const QTimeZone &zone)
 QString describe(const QDateTime &date)
 {
     return date.isValid() ? date.toString(Qt::ISODate) : QStringLiteral("(null)");
-}
-
-std::shared_ptr<GDataXMLElement> firstElement(const std::shared_ptr<GDataXMLElement> &parent,
-                                              const QString &name)
-{
-    if (!parent)
-        return nullptr;
-    const QList<std::shared_ptr<GDataXMLElement>> found = parent->elementsForName(name);
-    return found.isEmpty() ? nullptr : found.first();
 }
 
 } // namespace
@@ -206,9 +201,7 @@ QString DatabaseUtils::getServerID()
         QStringLiteral("<XML><SERVERTIME SESSION =\"%1\"></SERVERTIME></XML>").arg(session));
     if (!reply.document)
         return {};
-    const auto element = firstElement(reply.document->rootElement(), QStringLiteral("SERVERTIME"));
-    const auto id = element ? element->attributeForName(QStringLiteral("ID")) : nullptr;
-    return id ? id->stringValue() : QString();
+    return CommandReplies::readServerTime(reply.document);
 }
 
 void DatabaseUtils::updateLastCheckWithCurrentTimeOfServer(const ContextPtr &context)
@@ -254,9 +247,11 @@ std::optional<QStringList> DatabaseUtils::getInfomationOfItemWithKey(const QStri
         QStringLiteral("<XML><INFO SESSION=\"%1\"><KEY>%2</KEY></INFO></XML>").arg(session, key);
 
     QByteArray data;
-    // No pause and no limit: only a reply, or the end of both the catalogue object and the calling
-    // thread, ends the loop.
-    while (data.isEmpty()) {
+    // No limit: only a reply, or the end of both the catalogue object and the calling thread, ends
+    // the loop. A second between tries, so that a server out of reach does not keep a core busy.
+    for (bool first = true; data.isEmpty(); first = false) {
+        if (!first)
+            Pace::sleep(1000);
         if (!isAlive() && QThread::currentThread()->isInterruptionRequested())
             return std::nullopt;
         data = postToServer(url, body);
@@ -270,25 +265,7 @@ std::optional<QStringList> DatabaseUtils::getInfomationOfItemWithKey(const QStri
                              {{QStringLiteral("NSLocalizedDescription"), QStringLiteral("Error read xml")}});
         return std::nullopt;
     }
-    QStringList fields;
-    fields.reserve(14);
-    const auto info = firstElement(document->rootElement(), QStringLiteral("INFO"));
-    std::shared_ptr<GDataXMLElement> item;
-    if (info) {
-        for (const auto &child : info->children()) {
-            if (child->kind() == GDataXMLElementKind) {
-                item = std::dynamic_pointer_cast<GDataXMLElement>(child);
-                break;
-            }
-        }
-    }
-    if (!item)
-        return fields;
-    for (const char *name : {"NAME", "PATH", "TIME", "SIZE", "MEMO", "PRIV", "TAG", "DESC", "OWNER"}) {
-        const auto attribute = item->attributeForName(QString::fromLatin1(name));
-        fields.append(attribute ? attribute->stringValue() : QString());
-    }
-    return fields;
+    return CommandReplies::readInfo(document);
 }
 
 int DatabaseUtils::checkFileIsModifierWithPath(const QString &path, const QString &timeCompare,
@@ -310,6 +287,22 @@ int DatabaseUtils::checkFileIsModifierWithPath(const QString &path, const QStrin
     if (fileSecs == serverSecs)
         return Unchanged;
     return fileSecs > serverSecs ? ChangedLocally : OlderThanServer;
+}
+
+bool DatabaseUtils::fileDiffersFromRecord(const QString &path, const QString &md5, const QString &size)
+{
+    bool sizeOk = false;
+    const qint64 recorded = size.toLongLong(&sizeOk);
+    if (sizeOk && recorded >= 0 && QFileInfo(path).size() != recorded)
+        return true;
+    return md5.isEmpty() || UploadFile::getMD5OfFileAtPath(path) != md5;
+}
+
+bool DatabaseUtils::serverCopyReplacesSameSecond(const QString &path, const FilePtr &row,
+                                                 const QString &serverMd5)
+{
+    return row && !serverMd5.isEmpty() && !row->md5().isEmpty() && serverMd5 != row->md5() &&
+           !fileDiffersFromRecord(path, row->md5(), row->size());
 }
 
 QList<DirectoryPtr> DatabaseUtils::getAllDirectoryChangedWithManagedObjectContext(const ContextPtr &context)

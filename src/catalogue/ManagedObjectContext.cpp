@@ -5,6 +5,7 @@
 #include "util/Log.h"
 
 #include <QHash>
+#include <QSet>
 #include <QThread>
 #include <algorithm>
 #include <limits>
@@ -57,6 +58,11 @@ QVariant columnValue(sqlite3_stmt *statement, int column, AttributeType type)
         return {};
     case SQLITE_INTEGER: {
         const qlonglong number = sqlite3_column_int64(statement, column);
+        // The forms the store writes, made directly: every fetched row passes here.
+        if (type == AttributeType::Integer)
+            return number;
+        if (type == AttributeType::Boolean)
+            return number != 0;
         if (type == AttributeType::Date)
             return QDateTime::fromMSecsSinceEpoch(number);
         return normalisedAttributeValue(type, number);
@@ -68,6 +74,8 @@ QVariant columnValue(sqlite3_stmt *statement, int column, AttributeType type)
         QString string = QString::fromUtf8(text, sqlite3_column_bytes(statement, column));
         if (string.isNull())
             string = QStringLiteral(""); // an empty stored string is a value, not an absence
+        if (type == AttributeType::String)
+            return string;
         return normalisedAttributeValue(type, string);
     }
     }
@@ -483,19 +491,23 @@ bool ManagedObjectContext::save(FvError *error)
     d->checkThread("save");
     if (!hasChanges())
         return true;
+    return saveWith({}, error);
+}
+
+bool ManagedObjectContext::saveWith(const std::function<bool(FvError *)> &first, FvError *error)
+{
     FvError failure;
     if (!d->run(QStringLiteral("BEGIN IMMEDIATE"), {}, &failure)) {
         if (error)
             *error = failure;
         return false;
     }
-    bool ok = true;
-    for (const ManagedObjectPtr &object : std::as_const(d->deleted)) {
+    bool ok = !first || first(&failure);
+    for (auto it = d->deleted.cbegin(); ok && it != d->deleted.cend(); ++it) {
+        const ManagedObjectPtr &object = it.value();
         ok = d->run(QStringLiteral("DELETE FROM ") + StoreSql::quoted(object->entityName()) +
                         QStringLiteral(" WHERE \"_id\" = ?"),
                     {object->m_rowId}, &failure);
-        if (!ok)
-            break;
     }
     for (auto it = d->updated.cbegin(); ok && it != d->updated.cend(); ++it) {
         const ManagedObject &object = *it.value();
@@ -573,6 +585,81 @@ bool ManagedObjectContext::save(FvError *error)
     d->changedColumns.clear();
     d->inserted.clear();
     return true;
+}
+
+bool ManagedObjectContext::replaceInPaths(const QString &entityName, const Predicate &predicate,
+                                          const QString &from, const QString &to, FvError *error)
+{
+    d->checkThread("replace in paths");
+    if (from.isEmpty())
+        return save(error);
+    const EntityDescription *entity = EntityDescription::entityForName(entityName);
+    StoreSql::Query query;
+    QString message;
+    if (!entity || !StoreSql::replaceInPathQuery(*entity, predicate, from, to, &query, &message)) {
+        if (message.isEmpty())
+            message = QStringLiteral("No entity named %1").arg(entityName);
+        FV_LOG(message);
+        if (error)
+            *error = PersistentStoreCoordinator::makeError(PersistentStoreCoordinator::QueryFailed, message);
+        return false;
+    }
+    const int pathIndex = entity->pathIndex();
+    auto rewrite = [&](const ManagedObjectPtr &object) {
+        QString path = object->valueAt(pathIndex).toString();
+        object->setValueAt(pathIndex, path.replace(from, to));
+    };
+
+    // Objects with unsaved edits are rewritten here and written by the save after the statement,
+    // so that their values win, as they do in a fetch.
+    QSet<const ManagedObject *> rewritten;
+    int changedRows = 0;
+    for (const ManagedObjectPtr &object : d->pendingOf(*entity, &changedRows)) {
+        if (predicate.evaluateWithObject(*object)) {
+            rewrite(object);
+            rewritten.insert(object.get());
+        }
+    }
+    // Unchanged objects of this context whose row the statement rewrote take the new path once
+    // the transaction has committed.
+    std::vector<std::pair<ManagedObjectPtr, QVariant>> stored;
+    auto statement = [&](FvError *failure) {
+        sqlite3_stmt *update = d->prepare(query.sql, failure);
+        if (!update)
+            return false;
+        StatementReset reset{update};
+        for (int i = 0; i < query.bindings.size(); ++i)
+            bindValue(update, i + 1, query.bindings[i]);
+        const auto &rows = d->identity[entity].rows;
+        int rc;
+        while ((rc = sqlite3_step(update)) == SQLITE_ROW) {
+            const auto found = rows.find(sqlite3_column_int64(update, 0));
+            ManagedObjectPtr object = found != rows.end() ? found->second.lock() : nullptr;
+            if (object && object->m_state == ManagedObject::State::Clean)
+                stored.emplace_back(std::move(object), columnValue(update, 1, AttributeType::String));
+        }
+        if (rc != SQLITE_DONE) {
+            *failure =
+                PersistentStoreCoordinator::makeError(PersistentStoreCoordinator::QueryFailed,
+                                                      QStringLiteral("A store statement failed."), d->db, rc);
+            return false;
+        }
+        return true;
+    };
+    FvError failure;
+    if (saveWith(statement, &failure)) {
+        for (auto &[object, path] : stored)
+            object->m_values[std::size_t(pathIndex)] = std::move(path);
+        return true;
+    }
+    // Nothing reached the store: the other matching objects take the rewrite as pending edits.
+    for (const ManagedObjectPtr &object : executeFetchRequest({entityName, predicate, {}, 0})) {
+        if (!rewritten.contains(object.get()))
+            rewrite(object);
+    }
+    if (error)
+        *error = failure;
+    return false;
 }
 
 void ManagedObjectContext::rollback()

@@ -21,6 +21,7 @@
 
 #include <QList>
 #include <QString>
+#include <functional>
 #include <memory>
 
 class PersistentStoreCoordinator;
@@ -83,11 +84,22 @@ public:
     // Drops pending changes: inserted objects are detached, edited and deleted ones reloaded.
     void rollback();
 
+    // Replaces every occurrence of `from` with `to` in the path of each object of the entity whose
+    // path matches `predicate` (rows in the store and objects here alike) and saves every pending
+    // change with it, in one transaction: what fetching those objects, editing each path and saving
+    // would do, in one statement for any number of rows. On failure the rewrite is left pending in
+    // memory as those edits would be, and false is returned with `error` set. An empty `from`
+    // replaces nothing.
+    bool replaceInPaths(const QString &entityName, const Predicate &predicate, const QString &from,
+                        const QString &to, FvError *error = nullptr);
+
 private:
     friend class ManagedObject;
     struct Private;
     ManagedObjectContext();
     // `index`: the attribute about to change (saves write only the changed columns).
     void objectWillChange(ManagedObject *object, int index);
+    // save()'s transaction, with `first` run in it before the pending changes are written.
+    bool saveWith(const std::function<bool(FvError *)> &first, FvError *error);
     std::unique_ptr<Private> d;
 };

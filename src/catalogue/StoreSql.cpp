@@ -1,5 +1,7 @@
 #include "catalogue/StoreSql.h"
 
+#include <QHash>
+
 namespace StoreSql {
 
 QString quoted(const QString &identifier)
@@ -185,16 +187,34 @@ bool whereClause(const EntityDescription &entity, const Predicate &predicate, QS
     }
 }
 
+QString makeSelectHead(const EntityDescription &entity)
+{
+    QStringList names{QStringLiteral("\"_id\"")};
+    for (const AttributeDescription &attribute : entity.attributes)
+        names.append(quoted(attribute.name));
+    return QStringLiteral("SELECT ") + names.join(QStringLiteral(", ")) + QStringLiteral(" FROM ") +
+           quoted(entity.name);
+}
+
+// "SELECT <columns> FROM <entity>", made once per entity: every fetch starts with it.
+QString selectHead(const EntityDescription &entity)
+{
+    static const QHash<const EntityDescription *, QString> heads = [] {
+        QHash<const EntityDescription *, QString> made;
+        for (const EntityDescription *known : EntityDescription::allEntities())
+            made.insert(known, makeSelectHead(*known));
+        return made;
+    }();
+    const auto found = heads.constFind(&entity);
+    return found != heads.cend() ? found.value() : makeSelectHead(entity);
+}
+
 } // namespace
 
 bool selectQuery(const EntityDescription &entity, const Predicate &predicate,
                  const QList<SortDescriptor> &sortDescriptors, int limit, Query *query, QString *error)
 {
-    QStringList names{QStringLiteral("\"_id\"")};
-    for (const AttributeDescription &attribute : entity.attributes)
-        names.append(quoted(attribute.name));
-    QString sql = QStringLiteral("SELECT ") + names.join(QStringLiteral(", ")) + QStringLiteral(" FROM ") +
-                  quoted(entity.name);
+    QString sql = selectHead(entity);
     QVariantList bindings;
     if (!predicate.isTrue()) {
         sql += QStringLiteral(" WHERE ");
@@ -229,6 +249,36 @@ bool countQuery(const EntityDescription &entity, const Predicate &predicate, Que
         if (!whereClause(entity, predicate, &sql, &bindings, error))
             return false;
     }
+    query->sql = sql;
+    query->bindings = bindings;
+    return true;
+}
+
+bool replaceInPathQuery(const EntityDescription &entity, const Predicate &predicate, const QString &from,
+                        const QString &to, Query *query, QString *error)
+{
+    if (entity.pathIndex() < 0) {
+        *error = QStringLiteral("Entity %1 has no path").arg(entity.name);
+        return false;
+    }
+    // ?1 and ?2 are `from` and `to`, ?3 and ?4 their folded forms; the condition's own parameters
+    // follow. Folding maps each character on its own, so a path that holds `from` only at its start
+    // keeps the folded rest of its stored folded form; only other paths are folded anew.
+    const QString path = quoted(QStringLiteral("path"));
+    const QString folded = quoted(foldedPathColumn());
+    const QString replaced = QStringLiteral("replace(") + path + QStringLiteral(", ?1, ?2)");
+    QString sql = QStringLiteral("UPDATE ") + quoted(entity.name) + QStringLiteral(" SET ") + path +
+                  QStringLiteral(" = ") + replaced + QStringLiteral(", ") + folded +
+                  QStringLiteral(" = CASE WHEN substr(") + path +
+                  QStringLiteral(", 1, length(?1)) = ?1 AND instr(substr(") + path +
+                  QStringLiteral(", length(?1) + 1), ?1) = 0 AND substr(") + folded +
+                  QStringLiteral(", 1, length(?4)) = ?4 THEN ?3 || substr(") + folded +
+                  QStringLiteral(", length(?4) + 1) ELSE ") + QString::fromLatin1(kFoldFunction) + u'(' +
+                  replaced + QStringLiteral(") END WHERE ");
+    QVariantList bindings{from, to, foldedString(to), foldedString(from)};
+    if (!whereClause(entity, predicate, &sql, &bindings, error))
+        return false;
+    sql += QStringLiteral(" AND instr(") + path + QStringLiteral(", ?1) > 0 RETURNING \"_id\", ") + path;
     query->sql = sql;
     query->bindings = bindings;
     return true;

@@ -44,5 +44,9 @@ bool selectQuery(const EntityDescription &entity, const Predicate &predicate,
                  const QList<SortDescriptor> &sortDescriptors, int limit, Query *query, QString *error);
 // SELECT COUNT(*) with the same condition.
 bool countQuery(const EntityDescription &entity, const Predicate &predicate, Query *query, QString *error);
+// UPDATE that replaces every occurrence of `from` with `to` in the path (and refolds it) of the rows
+// that match and contain `from`, RETURNING "_id" and the new "path". Entities with a path only.
+bool replaceInPathQuery(const EntityDescription &entity, const Predicate &predicate, const QString &from,
+                        const QString &to, Query *query, QString *error);
 
 } // namespace StoreSql

@@ -46,6 +46,11 @@ void ChangeClassifier::scanTree()
     }
 }
 
+void ChangeClassifier::addKnown(const QString &path, bool isDir)
+{
+    m_known.insert(path, isDir);
+}
+
 QList<ChangeMessage> ChangeClassifier::classify(const FSEventBatch &batch)
 {
     m_out.clear();

@@ -38,6 +38,8 @@ public:
 
     // Records what exists under the root now (call after the tree's watches are in place).
     void scanTree();
+    // Records one existing item, for a walk of the tree made elsewhere (the stream's first one).
+    void addKnown(const QString &path, bool isDir);
     QList<ChangeMessage> classify(const FSEventBatch &batch);
 
     qsizetype knownCount() const { return m_known.size(); }

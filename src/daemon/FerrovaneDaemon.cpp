@@ -49,13 +49,8 @@ void FerrovaneDaemon::startListener(const QString &folder)
         return;
     }
 
-    auto stream = std::make_unique<InotifyTreeStream>(
-        folder, Pace::ms(200), [this](const FSEventBatch &batch) { handleBatch(batch); });
-    if (!stream->start())
+    if (!watch(folder))
         return;
-    m_classifier = std::make_unique<ChangeClassifier>(stream->root());
-    m_classifier->scanTree();
-    m_stream = std::move(stream);
 
     m_server = new QTcpServer(this);
     if (!m_server->listen(QHostAddress::LocalHost, 0)) {
@@ -69,6 +64,35 @@ void FerrovaneDaemon::startListener(const QString &folder)
         m_stream->root(), QString::number(m_stream->watchCount()),
         QString::number(m_classifier->knownCount()), port));
     m_center->postNotificationName(LinkNames::kKeyMyFSListenerPort, port);
+}
+
+bool FerrovaneDaemon::watch(const QString &folder)
+{
+    auto stream = std::make_unique<InotifyTreeStream>(
+        folder, Pace::ms(200), [this](const FSEventBatch &batch) { handleBatch(batch); });
+    // One walk of the tree: the classifier learns what exists from the listing the stream makes
+    // as it watches each folder.
+    auto classifier = std::make_unique<ChangeClassifier>(stream->root());
+    if (!stream->start([&classifier](const QString &path, bool isDir) { classifier->addKnown(path, isDir); }))
+        return false;
+    m_classifier = std::move(classifier);
+    m_stream = std::move(stream);
+    return true;
+}
+
+void FerrovaneDaemon::eventsLost()
+{
+    // What the classifier knows may be wrong now, and the client has missed changes: the tree is
+    // watched afresh (the port stays, for a client about to connect) and the connected client is
+    // let go, so that it starts the listener again and rescans the folder.
+    const QString folder = m_stream->root();
+    FV_LOG(
+        u"Changes under %1 were lost: watching it afresh and closing the client's connection"_qs.arg(folder));
+    dropClient();
+    m_stream.reset();
+    m_classifier.reset();
+    if (!watch(folder))
+        stopListener();
 }
 
 void FerrovaneDaemon::stopListener()
@@ -140,6 +164,12 @@ void FerrovaneDaemon::handleBatch(const FSEventBatch &batch)
 {
     if (!m_classifier)
         return;
+    for (const FSEventRecord &record : batch) {
+        if (record.has(FSEventFlag::MustScanSubDirs)) {
+            eventsLost(); // the rest of the batch is found again by the client's rescan
+            return;
+        }
+    }
     const QList<ChangeMessage> messages = m_classifier->classify(batch);
     QList<QByteArray> frames;
     for (const ChangeMessage &message : messages) {

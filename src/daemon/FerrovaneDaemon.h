@@ -6,7 +6,9 @@
 // ends the watch and the connection; the next start announces a new port.
 //
 // Changes seen before the client connects are kept (up to a limit) and sent once it does. The
-// client's 4-byte keep-alives are read and dropped.
+// client's 4-byte keep-alives are read and dropped. When the kernel drops events, the tree is
+// watched afresh and the client's connection is closed: a client takes the end of its connection
+// as a sign that changes may have been missed (it asks for a new start and rescans the folder).
 //
 // Threading: main thread only. Owns the tree stream, the server and the connection; the
 // notification center is not owned.
@@ -47,6 +49,9 @@ private:
     void dropClient();
     void readKeepAlive();
     void handleBatch(const FSEventBatch &batch);
+    // Watches `folder` with a fresh stream and classifier; false when it cannot be watched.
+    bool watch(const QString &folder);
+    void eventsLost();
     void sendFrames(const QList<QByteArray> &frames);
 
     DistributedNotificationCenter *m_center;

@@ -48,9 +48,11 @@ void DaemonLauncher::whenRunning(std::function<void()> ready, int timeoutMs)
     m_ready = std::move(ready);
     if (!m_watcher) {
         // Watched before asking, so a name that appears between the question and the answer is seen.
-        m_watcher =
-            new QDBusServiceWatcher(serviceName(), bus, QDBusServiceWatcher::WatchForRegistration, this);
+        m_watcher = new QDBusServiceWatcher(
+            serviceName(), bus,
+            QDBusServiceWatcher::WatchForRegistration | QDBusServiceWatcher::WatchForUnregistration, this);
         connect(m_watcher, &QDBusServiceWatcher::serviceRegistered, this, &DaemonLauncher::registered);
+        connect(m_watcher, &QDBusServiceWatcher::serviceUnregistered, this, &DaemonLauncher::daemonGone);
     }
     if (isRunning()) {
         registered();

@@ -36,6 +36,11 @@ public:
     // Drops a waiting callback.
     void cancel();
 
+signals:
+    // The daemon's bus name lost its owner (the daemon ended or was killed), once whenRunning has
+    // been called.
+    void daemonGone();
+
 private:
     void registered();
     void timedOut();

@@ -1,7 +1,7 @@
 #include "protocol/DownloadFile.h"
 
 #include "RestLibrary/NetworkAccess.h"
-#include "protocol/Md5Digest.h"
+#include "protocol/BackgroundDigest.h"
 #include "protocol/TransferState.h"
 #include "util/Log.h"
 
@@ -15,7 +15,9 @@
 
 namespace {
 // Bytes the manager may hold for us before it stops reading the socket; also our chunk size.
-constexpr qint64 kReadBufferSize = 1024 * 1024;
+// Buffers of a megabyte on the way (the manager's, ours) are given back to the system when freed and
+// faulted in again for the next piece, which costs more CPU than the decryption itself.
+constexpr qint64 kReadBufferSize = 256 * 1024;
 } // namespace
 
 // The live part of a download on the main thread: the connection, the output file and the digest.
@@ -23,7 +25,7 @@ class DownloadConnection final : public QObject
 {
 public:
     DownloadConnection(std::shared_ptr<TransferState> state, QString savePath)
-        : m_state(std::move(state)), m_savePath(std::move(savePath))
+        : m_state(std::move(state)), m_savePath(std::move(savePath)), m_digest(kReadBufferSize)
     {}
     ~DownloadConnection() override { close(); }
 
@@ -50,7 +52,7 @@ public:
     }
 
     // The digest of everything written (of nothing when no byte came).
-    QString md5() const { return m_digest.hexResult(); }
+    QString md5() { return m_digest.hexResult(); }
 
 private:
     void didReceiveResponse()
@@ -86,18 +88,17 @@ private:
             fail();
             return;
         }
-        if (m_chunk.isEmpty())
-            m_chunk.resize(kReadBufferSize);
         for (;;) {
-            const qint64 got = m_connection->read(m_chunk.data(), m_chunk.size());
+            QByteArray &chunk = m_digest.nextBuffer();
+            const qint64 got = m_connection->read(chunk.data(), chunk.size());
             if (got <= 0)
                 break;
-            if (m_fileHandler.write(m_chunk.constData(), got) != got) {
+            if (m_fileHandler.write(chunk.constData(), got) != got) {
                 FV_LOG(QStringLiteral("Fail: write to %1: %2").arg(m_savePath, m_fileHandler.errorString()));
                 fail();
                 return;
             }
-            m_digest.addData(QByteArrayView(m_chunk.constData(), got));
+            m_digest.submit(got);
         }
     }
 
@@ -138,8 +139,7 @@ private:
     QString m_savePath;
     QNetworkReply *m_connection = nullptr;
     QFile m_fileHandler;
-    Md5Digest m_digest;
-    QByteArray m_chunk;
+    BackgroundDigest m_digest; // hashes on a thread of its own; also holds our read buffers
     bool m_responded = false;
 };
 

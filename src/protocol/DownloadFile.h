@@ -5,7 +5,8 @@
 // its tail. Whatever body the server sends (even with an HTTP error status) is written.
 //
 // Threading: call from a worker thread, never the main thread; the connection runs on the main
-// thread's event loop while the caller waits in a one-second polling loop.
+// thread's event loop while the caller waits in a one-second polling loop. The digest is computed
+// on a thread of the connection's own (BackgroundDigest).
 
 #include <QDateTime>
 #include <QString>

@@ -9,8 +9,12 @@
 #include <QUrl>
 
 namespace {
-constexpr qint64 kChunk = 1024 * 1024;          // one read from the file
-constexpr qint64 kWriteAhead = 4 * 1024 * 1024; // encrypted bytes allowed to wait in the socket
+// The body moves in small pieces: every buffer on the way (ours, the socket's plain and encrypted
+// buffers, the TLS library's) then stays small enough to be reused from the heap. Large pieces
+// are given back to the system when freed and faulted in again for the next one, which costs
+// several times the encryption itself.
+constexpr qint64 kChunk = 64 * 1024;            // one read from the file, one write to the socket
+constexpr qint64 kWriteAhead = 256 * 1024;      // encrypted bytes allowed to wait in the socket
 constexpr qsizetype kMaxAnswerHead = 64 * 1024; // a longer head is not an answer of ours
 constexpr int kInactivityTimeoutMs = 60 * 1000; // not scaled, like every request's
 
@@ -72,6 +76,8 @@ void UploadConnection::start(const QString &path, const QString &url, const QStr
     m_socket->setSslConfiguration(QSslConfiguration::defaultConfiguration());
     m_socket->setReadBufferSize(kMaxAnswerHead);
     connect(m_socket, &QSslSocket::encrypted, this, &UploadConnection::sendHead);
+    // Refill as soon as the last piece is encrypted, and as the encrypted bytes drain.
+    connect(m_socket, &QSslSocket::bytesWritten, this, &UploadConnection::pump);
     connect(m_socket, &QSslSocket::encryptedBytesWritten, this, &UploadConnection::pump);
     connect(m_socket, &QSslSocket::readyRead, this, &UploadConnection::readAnswer);
     connect(m_socket, &QSslSocket::disconnected, this, &UploadConnection::connectionEnded);
@@ -99,8 +105,10 @@ void UploadConnection::pump()
         return;
     if (m_chunk.isEmpty())
         m_chunk.resize(kChunk);
-    // Keep the socket fed without letting the whole file pile up in its buffer.
-    while (m_sent < m_total && m_socket->encryptedBytesToWrite() + m_socket->bytesToWrite() < kWriteAhead) {
+    // Keep the socket fed without letting the file pile up in its buffers: at most one piece waits
+    // to be encrypted (the socket encrypts all it holds at once), a few to be sent.
+    while (m_sent < m_total && m_socket->bytesToWrite() < kChunk &&
+           m_socket->encryptedBytesToWrite() < kWriteAhead) {
         const qint64 got = m_inputStream.read(m_chunk.data(), qMin(kChunk, m_total - m_sent));
         if (got <= 0) {
             // The file shrank or became unreadable while being sent.

@@ -99,6 +99,8 @@ void AdminApi::requestReceived(HttpConnection *connection, HttpRequest &request)
                                        {QStringLiteral("size"), double(e.bodySize)}});
         }
         reply = {{QStringLiteral("ok"), true}, {QStringLiteral("entries"), entries}};
+    } else if (get && path == u"/faults") {
+        reply = {{QStringLiteral("ok"), true}, {QStringLiteral("pending"), m_backend.faults.pending()}};
     } else if (get && path == u"/time") {
         reply = {{QStringLiteral("ok"), true},
                  {QStringLiteral("time"), m_backend.clock.now()},

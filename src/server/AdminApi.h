@@ -16,6 +16,7 @@
 //   POST /delete           {"user","path","pcname"}
 //   POST /fault            {"kind","command","count","status","body","ms","result","bytes"}
 //        kinds: drop, cut-reply, drop-after, status, body, delay, refuse-upload, cut-download
+//   GET  /faults           {"ok":true,"pending":n}  (fault counts not yet used up)
 //   POST /faults/clear
 //   POST /update           {"version","build","package"|"package_base64"}
 // Paths are relative to the account's sync folder; "pcname" defaults to "ferrovane-admin".

@@ -58,6 +58,7 @@ int main(int argc, char **argv)
         "  POST /fault {kind,command,count,status,body,ms,result,bytes}\n"
         "       kinds: drop, cut-reply, drop-after, status, body, delay, refuse-upload, cut-download;\n"
         "       command: LOGIN ... INFO, UPLOAD, DOWNLOAD, UPDATE, PACKAGE or *\n"
+        "  GET  /faults                    fault counts not yet used up\n"
         "  POST /faults/clear  POST /log/clear  POST /update {version,build,package|package_base64}"));
     parser.addHelpOption();
     parser.addVersionOption();

@@ -129,11 +129,30 @@ ProcessWindowController::ProcessWindowController(AppServices *appDelegate, QObje
 
     // Alive before the worker starts, so that a disconnect() that comes first is not undone by it.
     m_isAlive = true;
-    m_mainThreadCheck = new EngineThread([this] { createMainThreadCheck(); });
+    m_mainThreadCheck = new EngineThread([this] {
+        createMainThreadCheck();
+        // Timers end on their own thread, whichever way the loop ended (a refused session ends it
+        // without a disconnect).
+        QMutexLocker lock(&m_fields->lock);
+        m_fields->checkSyncTimer = nullptr;
+        qDeleteAll(m_workerReceiver->findChildren<QTimer *>(Qt::FindDirectChildrenOnly));
+    });
     m_mainThreadCheck->setObjectName(QStringLiteral("Main thread"));
     m_workerReceiver = new QObject;
     m_workerReceiver->moveToThread(m_mainThreadCheck);
     m_mainThreadCheck->start();
+
+    // A daemon that went away unseen by the socket (killed while the bus still named it, so the
+    // start went to no one) is started again.
+    connect(m_daemonLauncher.get(), &DaemonLauncher::daemonGone, this, [this] {
+        if (!isAlive())
+            return;
+        FV_LOG(QStringLiteral("The watcher daemon has gone: starting the listener again"));
+        stopLiveTimer();
+        dropSocket(); // its end must not restart the listener a second time
+        endListener();
+        beginListener();
+    });
 
     postToWorker([this] { firstTimeSync(); });
 }

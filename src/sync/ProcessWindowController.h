@@ -244,7 +244,14 @@ private:
 
     // First synchronisation helpers.
     bool findCloudFolderKey(const std::shared_ptr<ManagedObjectContext> &context);
+    // Worker: records what differs between the sync folder and the catalogue as tasks: every item
+    // on disk (the catalogue's change detection drops the unchanged ones) and every catalogued item
+    // that is gone from disk.
     void rescanSyncFolder();
+    // Listener queue: a delete task for each catalogued item gone from disk (the topmost one only).
+    void recordRemovedItems();
+    // Any thread: a rescan on the worker, unless one is already waiting to start.
+    void requestRescan();
     // Fetches a file into `local`; an existing file is replaced only by a complete copy.
     bool downloadInto(const QString &local, const QString &name, QString *md5, const QString &key,
                       const QString &serverTime);
@@ -282,6 +289,10 @@ private:
     std::atomic<bool> m_disconnected{false};
     std::atomic<int> m_pendingListenerJobs{0};
     std::atomic<int> m_pendingWorkerJobs{0};
+    std::atomic<bool> m_rescanWanted{false}; // a rescan is asked for and has not started yet
+    std::atomic<bool> m_rescanBegun{false};  // the first rescan has started
+    bool m_linkMadeBefore = false;           // main thread: a daemon link was made before
+    std::atomic<bool> m_linked{false};       // a daemon link has been made (and so watches)
 
     QThread *m_mainThreadCheck = nullptr;
     QThread *m_listenerQueue = nullptr;

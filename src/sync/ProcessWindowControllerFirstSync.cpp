@@ -13,6 +13,7 @@
 #include "util/Pace.h"
 #include "xml/GDataXMLNode.h"
 
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -74,6 +75,11 @@ void ProcessWindowController::firstTimeSync()
         return;
     }
 
+    // The server's clock before the tree is read: the first work list then starts from there and
+    // replays what changed during the walk (the catalogue checks drop what the walk already has).
+    // Asked after the walk, a change made during it would fall before the last check and be lost.
+    const QString beforeWalk =
+        info->lastUpdate().isEmpty() || !firstSyncDone ? utils->getServerID() : QString();
     const std::shared_ptr<RestClient> client = restClient();
     endThreadIfNotAlive();
     const std::shared_ptr<GDataXMLDocument> syncList = client->postNonAsyncWithURL(
@@ -124,10 +130,19 @@ void ProcessWindowController::firstTimeSync()
             FV_LOG(QStringLiteral("%1").arg(error.toString()));
     }
 
+    // The daemon reports what changes once it is linked: a rescan after that leaves nothing between
+    // the two, where one before it is followed by a second when the link comes (bounded wait).
+    QDeadlineTimer linkDeadline(Pace::ms(10000));
+    while (!m_linked && isAlive() && !linkDeadline.hasExpired())
+        QThread::msleep(10);
+    endThreadIfNotAlive();
     rescanSyncFolder();
     utils->setIsDoTask(false);
     endThreadIfNotAlive();
     startAnimation();
+    // A full walk has read the tree as of `beforeWalk`: nothing older needs replaying.
+    if (!firstSyncDone || info->lastUpdate().isEmpty())
+        updateLastCheck(context, beforeWalk);
     if (info->lastUpdate().isEmpty())
         updateLastCheck(context, utils->getServerID());
     createThreadCheck();
@@ -163,9 +178,58 @@ bool ProcessWindowController::findCloudFolderKey(const std::shared_ptr<ManagedOb
 
 void ProcessWindowController::rescanSyncFolder()
 {
+    m_rescanWanted = false;
+    m_rescanBegun = true;
+    const QString root = path();
     const std::shared_ptr<FolderUtil> scanner = folderUtil();
-    if (scanner)
-        scanner->scanFolder(path(), false);
+    if (!scanner || root.isEmpty() || !QFileInfo(root).isDir())
+        return;
+    // Folders too, and what went missing: made while no watcher saw it (the client or the daemon
+    // was not running), a new empty folder or a deletion would otherwise never be sent.
+    scanner->scanFolder(root, true);
+    endThreadIfNotAlive();
+    runOnListenerAndWait([this] { recordRemovedItems(); });
+}
+
+void ProcessWindowController::recordRemovedItems()
+{
+    const std::shared_ptr<ManagedObjectContext> context = listenerManagedObjectContext();
+    const QString root = path();
+    // A sync folder that is not there (an unmounted disk) is not a deletion of everything in it.
+    if (!context || root.isEmpty() || !QFileInfo(root).isDir())
+        return;
+    const QString inside = root + u'/';
+    QStringList gone; // folders found missing: nothing below them needs a task of its own
+    const auto below = [&gone](const QString &path) {
+        return std::any_of(gone.cbegin(), gone.cend(),
+                           [&path](const QString &folder) { return path.startsWith(folder + u'/'); });
+    };
+    QList<DirectoryPtr> folders = context->fetch<Directory>();
+    std::sort(folders.begin(), folders.end(), [](const DirectoryPtr &a, const DirectoryPtr &b) {
+        return a->path().size() < b->path().size();
+    });
+    for (const DirectoryPtr &row : std::as_const(folders)) {
+        const QString folder = row->path();
+        if (!folder.startsWith(inside) || CataloguePaths::itemExists(folder) || below(folder))
+            continue;
+        gone.append(folder);
+        directoryWasRemoved(folder);
+    }
+    for (const FilePtr &row : context->fetch<File>()) {
+        const QString file = row->path();
+        if (file.startsWith(inside) && !CataloguePaths::itemExists(file) && !below(file))
+            fileWasRemoved(file);
+    }
+}
+
+void ProcessWindowController::requestRescan()
+{
+    if (m_rescanWanted.exchange(true))
+        return; // one is waiting to start: it will see this change too
+    postToWorker([this] {
+        if (m_rescanWanted)
+            rescanSyncFolder();
+    });
 }
 
 void ProcessWindowController::folderUtilHasItemAtPath(FolderUtil *util, const QString &path, bool isFolder)
@@ -174,6 +238,8 @@ void ProcessWindowController::folderUtilHasItemAtPath(FolderUtil *util, const QS
         util->setIsEnd(true); // the scan stops before its next entry
         return;
     }
+    if (isFolder && path == this->path())
+        return; // the sync folder itself is no item of it
     runOnListenerAndWait([&] {
         if (isFolder)
             directoryWasAdded(path);
@@ -229,7 +295,7 @@ QString ProcessWindowController::addDirWithElement(const std::shared_ptr<GDataXM
                                                    const std::shared_ptr<ManagedObjectContext> &context)
 {
     endThreadIfNotAlive();
-    const QString name = attribute(element, QStringLiteral("NAME"));
+    QString name = attribute(element, QStringLiteral("NAME"));
     const QString time = attribute(element, QStringLiteral("TIME"));
     const QString size = attribute(element, QStringLiteral("SIZE"));
     const QString key = attribute(element, QStringLiteral("KEY"));
@@ -241,7 +307,8 @@ QString ProcessWindowController::addDirWithElement(const std::shared_ptr<GDataXM
     // Checked before anything is made: a name from the server must not lead out of the sync folder.
     if (!CataloguePaths::checkName(name, QStringLiteral("Folder")))
         return {};
-    const QString local = parentPath + u'/' + name;
+    const QString local = CataloguePaths::localSpelling(parentPath + u'/' + name, root);
+    name = CataloguePaths::nameAsSpelled(name, local);
     if (!CataloguePaths::checkInside(local, root, QStringLiteral("Folder")))
         return {};
     if (!QDir().mkpath(local)) {
@@ -285,7 +352,7 @@ void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLE
                                                  const std::shared_ptr<ManagedObjectContext> &context)
 {
     endThreadIfNotAlive();
-    const QString name = attribute(element, QStringLiteral("NAME"));
+    QString name = attribute(element, QStringLiteral("NAME"));
     QString md5 = attribute(element, QStringLiteral("MD5"));
     const QString time = attribute(element, QStringLiteral("TIME"));
     const QString size = attribute(element, QStringLiteral("SIZE"));
@@ -298,9 +365,10 @@ void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLE
     const QString root = path();
     if (!CataloguePaths::checkName(name, QStringLiteral("File")))
         return;
-    const QString local = parentPath + u'/' + name;
+    const QString local = CataloguePaths::localSpelling(parentPath + u'/' + name, root);
     if (!CataloguePaths::checkInside(local, root, QStringLiteral("File")))
         return;
+    name = CataloguePaths::nameAsSpelled(name, local);
     FilePtr row = utils->getFileWithKey(key, context);
 
     const bool download = !CataloguePaths::itemExists(local) ||

@@ -146,6 +146,11 @@ void ProcessWindowController::createSocketClientWithNotification(const QString &
     connect(socket, &QTcpSocket::connected, this, [this] {
         FV_LOG(QStringLiteral("Input stream open complete!"));
         addStringToLog(QStringLiteral("Connect to socket server complete"));
+        // What changed while no daemon watched (it went away, or a new one started after the first
+        // rescan had begun) is only on disk: the link made again is followed by a rescan.
+        m_linked = true;
+        if (std::exchange(m_linkMadeBefore, true) || m_rescanBegun)
+            requestRescan();
         FV_LOG(QStringLiteral("Output stream open complete!"));
         stopLiveTimer();
         m_liveTimer = new QTimer(this);

@@ -66,6 +66,14 @@ void ProcessWindowController::checkSyncList()
     }
     setUnreadableReplies(0);
     const QString lastId = readWorkList(document);
+    // Tasks kept for later (no reply, an upload cut off) go again each pass, not only when a new
+    // local change asks for a run: else the last of them waits for the next change or start.
+    FvError countError;
+    if (context->countForFetchRequest(FetchRequest::fetchRequestWithEntityName(Task::entityName()),
+                                      &countError) > 0) {
+        utils->doTask();
+        endThreadIfNotAlive();
+    }
 
     addStringToLog(QStringLiteral("All task complete"));
     m_isSyncing = false;
@@ -149,11 +157,14 @@ QString ProcessWindowController::localPathOfServerPath(const QString &serverPath
     const QString root = path();
     // Only the first occurrence stands for the sync folder: a name may contain the word too.
     const qsizetype at = serverPath.indexOf(kSyncFolderWord);
+    QString local;
     if (at >= 0)
-        return QString(serverPath).replace(at, kSyncFolderWord.size(), root);
-    if (serverPath.startsWith(u'/'))
-        return root + serverPath;
-    return root + u'/' + serverPath;
+        local = QString(serverPath).replace(at, kSyncFolderWord.size(), root);
+    else if (serverPath.startsWith(u'/'))
+        local = root + serverPath;
+    else
+        local = root + u'/' + serverPath;
+    return CataloguePaths::localSpelling(local, root);
 }
 
 // --- Work-item builders ---
@@ -163,21 +174,30 @@ void ProcessWindowController::addObjectWithXmlElement(const std::shared_ptr<GDat
     const std::shared_ptr<ManagedObjectContext> context = managedObjectContext();
     const std::shared_ptr<DatabaseUtils> utils = db();
     const QString key = attribute(element, QStringLiteral("KEY"));
-    std::shared_ptr<CatalogueItem> row = utils->getFileWithKey(key, context);
+    const FilePtr file = utils->getFileWithKey(key, context);
+    std::shared_ptr<CatalogueItem> row = file;
     if (!row)
         row = utils->getDirectoryWithKey(key, context);
-    // A known item is taken only when the local copy is older than the server's.
-    if (row && utils->checkFileIsModifierWithPath(row->path(), attribute(element, QStringLiteral("TIME")),
-                                                  QString()) != DatabaseUtils::OlderThanServer)
-        return;
+    // A known item is taken only when the local copy is older than the server's, or, dated the
+    // same second (dates are kept to the second), when only the server's contents have changed.
+    if (row) {
+        const int verdict = utils->checkFileIsModifierWithPath(
+            row->path(), attribute(element, QStringLiteral("TIME")), QString());
+        if (verdict != DatabaseUtils::OlderThanServer &&
+            !(verdict == DatabaseUtils::Unchanged &&
+              DatabaseUtils::serverCopyReplacesSameSecond(row->path(), file,
+                                                          attribute(element, QStringLiteral("MD5")))))
+            return;
+    }
     const QString name = attribute(element, QStringLiteral("NAME"));
     const QString local = localPathOfServerPath(element->stringValue());
     if (!CataloguePaths::checkName(name, QStringLiteral("Work item")) ||
         !CataloguePaths::checkInside(local, path(), QStringLiteral("Work item")))
         return;
     const QStringList record = {
-        name, attribute(element, QStringLiteral("SIZE")), attribute(element, QStringLiteral("MD5")),
-        key,  attribute(element, QStringLiteral("PKEY")), local};
+        CataloguePaths::nameAsSpelled(name, local), attribute(element, QStringLiteral("SIZE")),
+        attribute(element, QStringLiteral("MD5")),  key,
+        attribute(element, QStringLiteral("PKEY")), local};
     QMutexLocker lock(&m_fields->lock);
     m_fields->listTask.append(ProcessTask(ProcessTask::Add, record, isFolderElement(element)));
 }
@@ -199,8 +219,9 @@ void ProcessWindowController::renameObjectWithXmlElement(const std::shared_ptr<G
     std::shared_ptr<CatalogueItem> row = db()->getFileWithKey(key, context);
     if (!row)
         row = db()->getDirectoryWithKey(key, context);
-    if (row && row->name() == name)
-        return; // already so here
+    if (row &&
+        row->name().normalized(QString::NormalizationForm_C) == name.normalized(QString::NormalizationForm_C))
+        return; // already so here (the server spells names composed; here they may not be)
     const QStringList record = {name, QString(), QString(), key, QString(), element->stringValue()};
     QMutexLocker lock(&m_fields->lock);
     m_fields->listTask.append(ProcessTask(ProcessTask::Rename, record, isFolderElement(element)));
@@ -276,9 +297,14 @@ void ProcessWindowController::applyTask(const ProcessTask &task,
         }
         // Already here under this key and path: nothing to fetch, unless the copy here is older
         // than the server's (the server changed the file's contents).
-        if (utils->getFileWithKey(key, local, context) &&
-            utils->checkFileIsModifierWithPath(local, time, QString()) != DatabaseUtils::OlderThanServer)
-            return;
+        if (const FilePtr known = utils->getFileWithKey(key, local, context)) {
+            const int verdict = utils->checkFileIsModifierWithPath(local, time, QString());
+            if (verdict != DatabaseUtils::OlderThanServer &&
+                !(verdict == DatabaseUtils::Unchanged &&
+                  DatabaseUtils::serverCopyReplacesSameSecond(local, known,
+                                                              record.at(DatabaseUtils::ItemMd5))))
+                return;
+        }
         QString md5 = record.at(DatabaseUtils::ItemMd5);
         if (!downloadInto(local, name, &md5, key, time))
             return;

@@ -2,8 +2,10 @@
 
 #include "app/ViewControl.h"
 #include "ui/BusyIndicator.h"
+#include "ui/ImageButton.h"
 
 #include <QAbstractButton>
+#include <QAction>
 #include <QEvent>
 #include <QLabel>
 #include <QLineEdit>
@@ -94,6 +96,37 @@ void button(ViewControl *control, QAbstractButton *button, std::function<void()>
     if (clicked)
         QObject::connect(button, &QAbstractButton::clicked, control,
                          [clicked = std::move(clicked)] { clicked(); });
+}
+
+void imageButton(ViewControl *control, ImageButton *button, std::function<void()> clicked)
+{
+    follow(control, button, [control, button] {
+        button->setText(control->stringValue());
+        button->setEnabled(control->isEnabled());
+        button->setHidden(control->isHidden());
+        button->setLook(control->imageName(), control->alternateImageName(), control->textColor());
+        // A longer caption (another language) may need a wider face.
+        button->updateGeometry();
+    });
+    if (clicked)
+        QObject::connect(button, &QAbstractButton::clicked, control,
+                         [clicked = std::move(clicked)] { clicked(); });
+}
+
+void action(ViewControl *control, QAction *action, std::function<void()> triggered)
+{
+    const auto show = [control, action] {
+        action->setText(control->stringValue());
+        action->setEnabled(control->isEnabled());
+        action->setVisible(!control->isHidden());
+        if (action->isCheckable())
+            action->setChecked(control->isChecked());
+    };
+    show();
+    QObject::connect(control, &ViewControl::changed, action, show);
+    if (triggered)
+        QObject::connect(action, &QAction::triggered, control,
+                         [triggered = std::move(triggered)] { triggered(); });
 }
 
 void level(ViewControl *control, QProgressBar *bar, double maximum)

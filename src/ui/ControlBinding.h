@@ -7,6 +7,8 @@
 #include <functional>
 
 class BusyIndicator;
+class ImageButton;
+class QAction;
 class QAbstractButton;
 class QLabel;
 class QLineEdit;
@@ -27,6 +29,11 @@ void textView(ViewControl *control, QPlainTextEdit *view);
 // Caption, enabled, hidden; a checkable button also follows and sets the checked state.
 // `clicked` (may be empty) runs on every click.
 void button(ViewControl *control, QAbstractButton *button, std::function<void()> clicked = {});
+// An image button: caption, enabled, hidden and the look (face images and caption colour).
+void imageButton(ViewControl *control, ImageButton *button, std::function<void()> clicked = {});
+// A menu item: its title, visibility, and enabled while the item has its action. A checkable item
+// follows the checked state. `triggered` (may be empty) runs when it is chosen.
+void action(ViewControl *control, QAction *action, std::function<void()> triggered = {});
 // The control's level (0 to `maximum`) on a bar, clamped; a level that is no number shows as 0.
 void level(ViewControl *control, QProgressBar *bar, double maximum);
 // Spins while the control animates; hidden with it.

@@ -17,7 +17,7 @@ constexpr int kMarginX = 5;
 constexpr int kMarginY = 3;
 constexpr qint64 kSlideMs = 220;
 // Starting widths of the eight columns: name, work, size, path, folder, time, description, success.
-constexpr int kColumnWidths[LogTableViewDataSource::ColumnCount] = {150, 80, 85, 250, 55, 140, 160, 60};
+constexpr int kColumnWidths[LogTableViewDataSource::ColumnCount] = {150, 105, 85, 250, 55, 140, 160, 60};
 
 QColor colourFrom(const QVariant &rgba, const QColor &fallback)
 {

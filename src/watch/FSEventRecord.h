@@ -9,6 +9,8 @@
 #include <cstdint>
 
 namespace FSEventFlag {
+// Events were lost (the kernel's queue overflowed): what is below the path must be scanned again.
+constexpr std::uint32_t MustScanSubDirs = 0x1;
 constexpr std::uint32_t ItemCreated = 0x100;
 constexpr std::uint32_t ItemRemoved = 0x200;
 constexpr std::uint32_t ItemInodeMetaMod = 0x400;

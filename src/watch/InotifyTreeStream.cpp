@@ -7,9 +7,13 @@
 #include <QFileInfo>
 #include <QPointer>
 #include <QSocketNotifier>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 
 using namespace FSEventFlag;
 
@@ -45,6 +49,39 @@ QString errorText(int error)
     return QString::fromLocal8Bit(std::strerror(error));
 }
 
+struct Entry
+{
+    QString name;
+    bool isDir; // a folder, not a symbolic link to one
+    bool operator<(const Entry &other) const { return name < other.name; }
+};
+
+// The entries of one folder, by name. Their kinds come from the directory entries themselves; only
+// a file system that does not give them costs a status call per entry. Hidden entries, symbolic
+// links and special files included; nothing when the folder cannot be read.
+QList<Entry> listFolder(const QString &folder)
+{
+    QList<Entry> entries;
+    const QByteArray native = QFile::encodeName(folder);
+    DIR *dir = ::opendir(native.constData());
+    if (!dir)
+        return entries;
+    while (const dirent *item = ::readdir(dir)) {
+        const char *name = item->d_name;
+        if (name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0)))
+            continue;
+        bool isDir = item->d_type == DT_DIR;
+        if (item->d_type == DT_UNKNOWN) {
+            struct stat info;
+            isDir = ::fstatat(::dirfd(dir), name, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(info.st_mode);
+        }
+        entries.append({QFile::decodeName(name), isDir});
+    }
+    ::closedir(dir);
+    std::sort(entries.begin(), entries.end());
+    return entries;
+}
+
 } // namespace
 
 InotifyTreeStream::InotifyTreeStream(const QString &root, int latencyMs, Callback callback,
@@ -61,7 +98,7 @@ InotifyTreeStream::~InotifyTreeStream()
     stop();
 }
 
-bool InotifyTreeStream::start()
+bool InotifyTreeStream::start(const ItemVisitor &visitor)
 {
     if (m_fd >= 0)
         return true;
@@ -82,7 +119,7 @@ bool InotifyTreeStream::start()
     m_rootWd = m_wds.value(m_root, -1);
     m_notifier = new QSocketNotifier(m_fd, QSocketNotifier::Read, this);
     connect(m_notifier, &QSocketNotifier::activated, this, &InotifyTreeStream::readEvents);
-    watchTree(m_root, ScanMode::Quiet);
+    watchTree(m_root, ScanMode::Quiet, visitor);
     return true;
 }
 
@@ -132,6 +169,7 @@ void InotifyTreeStream::handleEvent(int wd, std::uint32_t mask, std::uint32_t co
 {
     if (mask & IN_Q_OVERFLOW) {
         FV_LOG(u"The kernel's event queue overflowed: changes under %1 were lost"_qs.arg(m_root));
+        addRecord(m_root, MustScanSubDirs | ItemIsDir);
         return;
     }
     if (wd == m_parentWd && m_parentWd >= 0) {
@@ -243,7 +281,7 @@ void InotifyTreeStream::flush()
         callback(batch);
 }
 
-void InotifyTreeStream::watchTree(const QString &folder, ScanMode mode)
+void InotifyTreeStream::watchTree(const QString &folder, ScanMode mode, const ItemVisitor &visitor)
 {
     // Watch first, then list: whatever appears after the watch is reported by the kernel, whatever
     // was there before is found by the listing (an item seen both ways is reported once).
@@ -251,12 +289,12 @@ void InotifyTreeStream::watchTree(const QString &folder, ScanMode mode)
     while (!pending.isEmpty() && m_fd >= 0) {
         const QString current = pending.takeLast();
         addWatch(current); // a folder we cannot watch may still hold folders we can
-        const QFileInfoList entries = QDir(current).entryInfoList(
-            QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System, QDir::Name);
         QStringList subfolders;
-        for (const QFileInfo &entry : entries) {
-            const QString path = join(current, entry.fileName());
-            const bool isDir = entry.isDir() && !entry.isSymLink();
+        for (const Entry &entry : listFolder(current)) {
+            const QString path = join(current, entry.name);
+            const bool isDir = entry.isDir;
+            if (visitor)
+                visitor(path, isDir);
             if (mode != ScanMode::Quiet && !m_synthesized.contains(path)) {
                 m_synthesized.insert(path);
                 addRecord(path, (mode == ScanMode::Created ? ItemCreated : ItemFound) |

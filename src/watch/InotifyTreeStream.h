@@ -10,6 +10,9 @@
 // a folder of the root's name appears there again; then the new tree is watched and its contents are
 // reported as created (the root itself is not: it is the watched folder, not an item in it).
 //
+// When the kernel's event queue overflows, a record for the root with MustScanSubDirs says that
+// changes were lost.
+//
 // Lives on the thread that creates it and calls back on that thread's event loop. Stops (and
 // delivers nothing more) on stop() or destruction. Folders that cannot be watched are reported on
 // the diagnostic log (a full kernel watch table once per stream) and the rest stays watched.
@@ -33,6 +36,8 @@ class InotifyTreeStream final : public QObject
     Q_DISABLE_COPY_MOVE(InotifyTreeStream)
 public:
     using Callback = std::function<void(const FSEventBatch &)>;
+    // Called for every item found under the root while it is first watched (folders: not symbolic links).
+    using ItemVisitor = std::function<void(const QString &path, bool isDir)>;
 
     InotifyTreeStream(const QString &root, int latencyMs, Callback callback,
                       std::shared_ptr<InotifySystem> system = InotifySystem::real(),
@@ -40,8 +45,10 @@ public:
     ~InotifyTreeStream() override;
 
     // Opens the inotify instance and watches the tree as it is now. False (with a diagnostic line)
-    // when inotify is unavailable or the root folder cannot be watched.
-    bool start();
+    // when inotify is unavailable or the root folder cannot be watched. `visitor`, when given,
+    // learns what the tree holds from the same walk: each item is reported once the watch of its
+    // folder is in place, so a later change to it comes as an event.
+    bool start(const ItemVisitor &visitor = {});
     void stop();
     bool isRunning() const { return m_fd >= 0; }
 
@@ -56,7 +63,7 @@ private:
     void handleEvent(int wd, std::uint32_t mask, std::uint32_t cookie, const QString &name);
     void flush();
     void addRecord(const QString &path, std::uint32_t flags, std::uint32_t cookie = 0);
-    void watchTree(const QString &folder, ScanMode mode);
+    void watchTree(const QString &folder, ScanMode mode, const ItemVisitor &visitor = {});
     bool addWatch(const QString &folder);
     void reportWatchFailure(const QString &folder, int error);
     void forgetWatch(int wd);

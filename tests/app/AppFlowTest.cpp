@@ -7,11 +7,14 @@
 #include "common/TestUtil.h"
 #include "link/DistributedNotificationCenter.h"
 #include "link/LinkNames.h"
+#include "protocol/UploadFile.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QLocale>
+#include <QMap>
 #include <QSignalSpy>
 #include <QSysInfo>
 #include <gtest/gtest.h>
@@ -489,4 +492,134 @@ TEST_F(AppFlow, PreferencesRegisterTheLoginItemTheFirstTime)
     AppDelegate reread;
     reread.loadConfig();
     EXPECT_EQ(reread.getConfigValueByKey(QStringLiteral("kKeyAutoStart")), QVariant(true));
+}
+
+namespace {
+
+// path -> MD5 ("" for a folder), relative to `root`.
+using Listing = QMap<QString, QString>;
+
+Listing localListing(const QString &root)
+{
+    Listing listing;
+    QDirIterator it(root, QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        listing.insert(path.mid(root.size() + 1),
+                       it.fileInfo().isDir() ? QString() : UploadFile::getMD5OfFileAtPath(path));
+    }
+    return listing;
+}
+
+Listing serverListing(FerrovaneServer &server, const QString &user)
+{
+    Listing listing;
+    for (const TreeEntry &entry : server.tree(user))
+        listing.insert(entry.path, entry.folder ? QString() : entry.md5);
+    return listing;
+}
+
+// The catalogue of `user` on this computer, read from its store file.
+Listing storeListing(const QString &user, const QString &root, int *tasks = nullptr)
+{
+    Listing listing;
+    const auto coordinator = PersistentStoreCoordinator::create(
+        AppDelegate::applicationFilesDirectory() + QStringLiteral("/Tarnwick_%1.storedata").arg(user));
+    const auto context = coordinator ? ManagedObjectContext::create(coordinator) : nullptr;
+    if (!context)
+        return listing;
+    for (const DirectoryPtr &row : context->fetch<Directory>())
+        listing.insert(row->path().mid(root.size() + 1), QString());
+    for (const FilePtr &row : context->fetch<File>())
+        listing.insert(row->path().mid(root.size() + 1), row->md5());
+    if (tasks)
+        *tasks = int(context->fetch<Task>().size());
+    return listing;
+}
+
+// Every catalogued item is on disk as catalogued (what was cut short is simply not there yet).
+bool catalogueHoldsOnlyWhatIsOnDisk(const QString &user, const QString &root)
+{
+    const Listing local = localListing(root);
+    const Listing known = storeListing(user, root);
+    for (auto it = known.cbegin(); it != known.cend(); ++it) {
+        if (!local.contains(it.key()) || (!it.value().isEmpty() && local.value(it.key()) != it.value()))
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
+TEST_F(AppFlow, SwitchingOffAndSigningOutMidSyncAndAnotherUserLeaveEachStoreConsistent)
+{
+    ASSERT_TRUE(server->addUser(QStringLiteral("bob"), QStringLiteral("pw")));
+    for (int i = 0; i < 24; ++i)
+        ASSERT_FALSE(server
+                         ->putFile(QStringLiteral("alice"), QStringLiteral("many/f%1.txt").arg(i),
+                                   QByteArray::number(i).repeated(50))
+                         .isEmpty());
+    ASSERT_FALSE(server->putFile(QStringLiteral("bob"), QStringLiteral("bob.txt"), "bob's").isEmpty());
+    AppDelegate app;
+    ASSERT_NO_FATAL_FAILURE(launchAndSignIn(app));
+    const auto inStep = [&](const QString &user, const QString &root) {
+        int tasks = -1;
+        const Listing known = storeListing(user, root, &tasks);
+        const Listing onServer = serverListing(server.server(), user);
+        return tasks == 0 && localListing(root) == onServer && known == onServer;
+    };
+    const auto downloaded = [&] { return localListing(cloudFolder()).size(); };
+
+    // Off in the middle of the first sync (downloads slowed down), then on again.
+    server->delayReplies(QStringLiteral("DOWNLOAD"), 100, 1000);
+    app.onoffAction();
+    ASSERT_TRUE(TestUtil::waitFor([&] { return downloaded() >= 6; }));
+    app.onoffAction();
+    ASSERT_FALSE(app.processWindowController());
+    EXPECT_LT(downloaded(), 25);
+    EXPECT_TRUE(catalogueHoldsOnlyWhatIsOnDisk(QStringLiteral("alice"), cloudFolder()));
+    app.onoffAction();
+    ASSERT_TRUE(TestUtil::waitFor([&] { return inStep(QStringLiteral("alice"), cloudFolder()); }, 60000));
+
+    // Signed out in the middle of a work-list pass: nothing of alice's is asked for afterwards.
+    for (int i = 0; i < 12; ++i)
+        ASSERT_FALSE(server->putFile(QStringLiteral("alice"), QStringLiteral("later/g%1.txt").arg(i), "later")
+                         .isEmpty());
+    ASSERT_TRUE(
+        TestUtil::waitFor([&] { return QFileInfo::exists(cloudFolder() + QStringLiteral("/later")); }));
+    const QString aliceSession = app.getConfigValueByKey(QStringLiteral("kKeySESSTION")).toString();
+    app.logout();
+    EXPECT_FALSE(app.processWindowController());
+    const qsizetype requestsThen = server->requestLog().size();
+    EXPECT_TRUE(catalogueHoldsOnlyWhatIsOnDisk(QStringLiteral("alice"), cloudFolder()));
+    const Listing aliceKnown = storeListing(QStringLiteral("alice"), cloudFolder());
+    server->clearFaults();
+
+    // Bob on the same computer, with a folder of his own.
+    QSignalSpy signedIn(&app, &AppDelegate::signedIn);
+    CDLoginView *view = app.loginView();
+    ASSERT_TRUE(view);
+    view->domainTextField()->setStringValue(server->domain());
+    view->useridTextField()->setStringValue(QStringLiteral("bob"));
+    view->passwordTextField()->setStringValue(QStringLiteral("pw"));
+    view->login();
+    ASSERT_TRUE(TestUtil::waitFor([&] { return signedIn.count() == 1; }));
+    const QString bobFolder = home() + QStringLiteral("/Bob");
+    app.didChooseSaveDir(bobFolder);
+    app.saveAction();
+    app.onoffAction();
+    ASSERT_TRUE(TestUtil::waitFor([&] { return inStep(QStringLiteral("bob"), bobFolder); }, 60000))
+        << qPrintable(QStringList(localListing(bobFolder).keys()).join(u' ')) << " | "
+        << qPrintable(QStringList(storeListing(QStringLiteral("bob"), bobFolder).keys()).join(u' ')) << " | "
+        << qPrintable(QStringList(serverListing(server.server(), QStringLiteral("bob")).keys()).join(u' '));
+    app.onoffAction();
+
+    EXPECT_EQ(storeListing(QStringLiteral("alice"), cloudFolder()), aliceKnown);
+    EXPECT_FALSE(serverListing(server.server(), QStringLiteral("bob")).contains(QStringLiteral("many")));
+    const QList<RequestLogEntry> requests = server->requestLog();
+    for (qsizetype i = requestsThen; i < requests.size(); ++i)
+        EXPECT_FALSE(requests[i].body.contains(aliceSession.toUtf8()) ||
+                     requests[i].target.contains(aliceSession))
+            << qPrintable(requests[i].command);
 }

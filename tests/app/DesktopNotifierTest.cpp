@@ -57,7 +57,14 @@ TEST(DesktopNotifications, TheServiceReceivesTitleAndBodyFromAnyThread)
     StandInNotifications service;
     ASSERT_TRUE(
         serviceBus.registerObject(DesktopNotifier::objectPath(), &service, QDBusConnection::ExportAllSlots));
-    ASSERT_TRUE(serviceBus.registerService(DesktopNotifier::serviceName()));
+    // Other test programs on this bus may hold the name for a moment: wait for it in the queue.
+    serviceBus.interface()->registerService(DesktopNotifier::serviceName(),
+                                            QDBusConnectionInterface::QueueService,
+                                            QDBusConnectionInterface::DontAllowReplacement);
+    ASSERT_TRUE(TestUtil::waitFor([&] {
+        return serviceBus.interface()->serviceOwner(DesktopNotifier::serviceName()).value() ==
+               serviceBus.baseService();
+    }));
 
     DesktopNotifier notifier;
     QSignalSpy delivered(&notifier, &DesktopNotifier::delivered);

@@ -143,6 +143,15 @@ TEST_F(LogWindow, CellsShowTheEightColumnsWithSizeTextsAndAlternatingColours)
     ASSERT_EQ(changed.size(), 1);
     EXPECT_EQ(changed.first().at(0).toModelIndex().row(), 1);
     EXPECT_EQ(changed.first().at(1).toModelIndex().row(), 7);
+
+    // The producers' 14-digit local times are shown in the window's form; other texts as they are.
+    LogObject stamped = entry(QStringLiteral("stamped"), 1, false);
+    stamped.setTime(QStringLiteral("20261123024329"));
+    table.insertNewLog(stamped);
+    EXPECT_EQ(cell(LogTableViewDataSource::Time), QStringLiteral("2026/11/23 02:43:29"));
+    stamped.setTime(QStringLiteral("2026113"));
+    table.insertNewLog(stamped);
+    EXPECT_EQ(cell(LogTableViewDataSource::Time), QStringLiteral("2026113"));
 }
 
 TEST_F(LogWindow, CaptionsFollowTheLanguage)

@@ -2,6 +2,7 @@
 #include "CatalogueFixture.h"
 #include "catalogue/CataloguePaths.h"
 
+#include <QCryptographicHash>
 #include <QFile>
 #include <QThread>
 
@@ -179,7 +180,17 @@ TEST_F(CatalogueQueriesTest, ItemsAtANewPlaceAreFoundByTimeAndNameOrByContent)
 
 namespace {
 
-enum class Row { None, SameTime, DiskNewer, DiskOlder, FileMissing };
+// SameTimeOtherContents: dated the same second as the row, but no longer the row's contents.
+// SameTimeNotUploaded: the row's contents, but their upload never finished.
+enum class Row {
+    None,
+    SameTime,
+    SameTimeOtherContents,
+    SameTimeNotUploaded,
+    DiskNewer,
+    DiskOlder,
+    FileMissing
+};
 
 struct AdmissionCase
 {
@@ -209,13 +220,22 @@ TEST_P(TaskAdmissionTest, AdmitsOrFiltersTheChange)
             ASSERT_TRUE(TestUtil::writeFile(path, "data"));
         ASSERT_TRUE(setMTime(path, disk.addMSecs(400))); // sub-second part is ignored
     }
-    const qint64 shift = c.row == Row::DiskNewer ? -5 : c.row == Row::DiskOlder ? 5 : 0;
+    const qint64 shift = c.row == Row::DiskNewer   ? -5
+                         : c.row == Row::DiskOlder ? 5
+                                                   : 0; // else the same second
     if (c.row != Row::None) {
         const QString time = db->localTimeToServerTime(disk.addSecs(shift));
-        if (c.folder)
+        if (c.folder) {
             addDirectory(QStringLiteral("k"), path, time);
-        else
-            addFile(QStringLiteral("k"), path, time, QStringLiteral("md5"));
+        } else {
+            // The row describes the file's "data", or other contents of the same size.
+            const QByteArray described = c.row == Row::SameTimeOtherContents ? "dada" : "data";
+            const FilePtr row = addFile(
+                QStringLiteral("k"), path, time,
+                QString::fromLatin1(QCryptographicHash::hash(described, QCryptographicHash::Md5).toHex()));
+            row->setSize(QStringLiteral("4"));
+            row->setUploadDone(c.row != Row::SameTimeNotUploaded);
+        }
     }
     if (c.pendingType) {
         auto pending = context->insertNewObject<Task>();
@@ -251,6 +271,13 @@ TEST_P(TaskAdmissionTest, AdmitsOrFiltersTheChange)
 INSTANTIATE_TEST_SUITE_P(
     Rules, TaskAdmissionTest,
     ::testing::Values(AdmissionCase{"UpdateWithSameTimeQueuesNothing", 5, false, Row::SameTime, 0, 0},
+                      AdmissionCase{"UpdateInTheSameSecondWithOtherContentsIsSent", 5, false,
+                                    Row::SameTimeOtherContents, 0, 5},
+                      AdmissionCase{"AddInTheSameSecondWithOtherContentsIsSent", 1, false,
+                                    Row::SameTimeOtherContents, 0, 5},
+                      AdmissionCase{"UnfinishedUploadIsSentAgain", 5, false, Row::SameTimeNotUploaded, 0, 5},
+                      AdmissionCase{"UnfinishedUploadWithItsTaskWaitingStands", 5, false,
+                                    Row::SameTimeNotUploaded, 1, 0},
                       AdmissionCase{"AddOfNewerFileBecomesUpload", 1, false, Row::DiskNewer, 0, 5},
                       AdmissionCase{"AddOfOlderFileBecomesNoOp", 1, false, Row::DiskOlder, 0, 6},
                       AdmissionCase{"UpdateOfVanishedFileBecomesDelete", 5, false, Row::FileMissing, 0, 2},

@@ -183,3 +183,93 @@ TEST_F(Context, EachThreadWritesThroughItsOwnContext)
     stray.join();
     EXPECT_TRUE(log.contains(QStringLiteral("Context used from a thread other than its own")));
 }
+
+namespace {
+// Every stored path with its folded form, "path | folded", by key.
+const QString kStoredPaths = QStringLiteral("SELECT path || ' | ' || _fold_path FROM Directory ORDER BY key");
+
+QString stored(const QString &path)
+{
+    return path + QStringLiteral(" | ") + foldedString(path);
+}
+} // namespace
+
+TEST_F(Context, PathRewriteLeavesStoreAndObjectsAsEditingEachPathWould)
+{
+    // Folded, the Hangul syllable is three letters: the folded form is longer than the path.
+    const QString from = QStringLiteral("/s/Été한"), to = QStringLiteral("/s/Ça");
+    addDirectory(*context, QStringLiteral("1"), from + QStringLiteral("/a"));
+    addDirectory(*context, QStringLiteral("2"), from + QStringLiteral("/b"));
+    addDirectory(*context, QStringLiteral("3"), from + QStringLiteral("/s/Été한/c")); // twice: both go
+    addDirectory(*context, QStringLiteral("4"),
+                 QStringLiteral("/s/ÉTÉ한/d")); // below it folded, not replaced
+    addDirectory(*context, QStringLiteral("5"), from + QStringLiteral("/gone"));
+    addDirectory(*context, QStringLiteral("6"), from + QStringLiteral("/away"));
+    addDirectory(*context, QStringLiteral("7"), from + QStringLiteral("/never fetched"));
+    addDirectory(*context, QStringLiteral("8"), QStringLiteral("/s/Été한s/e")); // shares the prefix only
+    ASSERT_TRUE(context->save());
+
+    // Held unchanged, edited, deleted, moved away in memory, and a new one not yet saved.
+    const auto held = context->fetchFirst<Directory>(byKey(QStringLiteral("1")));
+    const auto edited = context->fetchFirst<Directory>(byKey(QStringLiteral("2")));
+    edited->setName(QStringLiteral("edited"));
+    context->deleteObject(context->fetchFirst<Directory>(byKey(QStringLiteral("5"))));
+    const auto away = context->fetchFirst<Directory>(byKey(QStringLiteral("6")));
+    away->setPath(QStringLiteral("/s/other/away"));
+    const auto inserted = addDirectory(*context, QStringLiteral("9"), from + QStringLiteral("/new"));
+
+    FvError error;
+    ASSERT_TRUE(context->replaceInPaths(Directory::entityName(),
+                                        Predicate::beginsWithCD(QStringLiteral("path"), from + u'/'), from,
+                                        to, &error))
+        << qPrintable(error.toString());
+    EXPECT_FALSE(context->hasChanges());
+    const QStringList expected{
+        stored(to + QStringLiteral("/a")),       stored(to + QStringLiteral("/b")),
+        stored(to + QStringLiteral("/s/Ça/c")),  stored(QStringLiteral("/s/ÉTÉ한/d")),
+        stored(QStringLiteral("/s/other/away")), stored(to + QStringLiteral("/never fetched")),
+        stored(QStringLiteral("/s/Été한s/e")),   stored(to + QStringLiteral("/new"))};
+    EXPECT_EQ(sql(kStoredPaths), expected);
+    EXPECT_EQ(held->path(), to + QStringLiteral("/a"));
+    EXPECT_FALSE(held->hasChanges());
+    EXPECT_EQ(edited->path(), to + QStringLiteral("/b"));
+    EXPECT_EQ(sql(QStringLiteral("SELECT name FROM Directory WHERE key = '2'")), QStringList{u"edited"_qs});
+    EXPECT_EQ(away->path(), QStringLiteral("/s/other/away"));
+    EXPECT_EQ(inserted->path(), to + QStringLiteral("/new"));
+    // The folded column serves the subtree queries under the new name.
+    EXPECT_EQ(
+        context->fetch<Directory>(Predicate::beginsWithCD(QStringLiteral("path"), QStringLiteral("/S/CA/")))
+            .size(),
+        5); // a, b, c, never fetched, new
+    EXPECT_EQ(context->fetchFirst<Directory>(byKey(QStringLiteral("7")))->path(),
+              to + QStringLiteral("/never fetched"));
+}
+
+TEST_F(Context, FailedPathRewriteLeavesItPendingForTheNextSave)
+{
+    addDirectory(*context, QStringLiteral("1"), QStringLiteral("/s/a/x"));
+    addDirectory(*context, QStringLiteral("2"), QStringLiteral("/s/a/y"));
+    ASSERT_TRUE(context->save());
+    const auto held = context->fetchFirst<Directory>(byKey(QStringLiteral("1")));
+    const auto inserted = addDirectory(*context, QStringLiteral("3"), QStringLiteral("/s/a/z"));
+    sql(QStringLiteral(
+        "CREATE TRIGGER refuse BEFORE UPDATE ON Directory BEGIN SELECT RAISE(ABORT, 'refused'); END"));
+
+    FvError error;
+    EXPECT_FALSE(context->replaceInPaths(
+        Directory::entityName(), Predicate::beginsWithCD(QStringLiteral("path"), QStringLiteral("/s/a/")),
+        QStringLiteral("/s/a"), QStringLiteral("/s/b"), &error));
+    EXPECT_EQ(error.domain, PersistentStoreCoordinator::errorDomain());
+    EXPECT_EQ(sql(QStringLiteral("SELECT path FROM Directory ORDER BY key")),
+              QStringList({u"/s/a/x"_qs, u"/s/a/y"_qs}));
+    // In memory, each path was rewritten once, and waits to be saved.
+    EXPECT_TRUE(held->isUpdated());
+    EXPECT_EQ(held->path(), QStringLiteral("/s/b/x"));
+    EXPECT_EQ(inserted->path(), QStringLiteral("/s/b/z"));
+    EXPECT_EQ(context->fetchFirst<Directory>(byKey(QStringLiteral("2")))->path(), QStringLiteral("/s/b/y"));
+
+    sql(QStringLiteral("DROP TRIGGER refuse"));
+    ASSERT_TRUE(context->save(&error)) << qPrintable(error.toString());
+    EXPECT_EQ(sql(kStoredPaths),
+              QStringList({stored(u"/s/b/x"_qs), stored(u"/s/b/y"_qs), stored(u"/s/b/z"_qs)}));
+}

@@ -1,9 +1,14 @@
 #include "catalogue/DatabaseUtils.h"
 
 #include "StoreFixture.h"
+#include "catalogue/CataloguePaths.h"
 #include "common/MemoryServices.h"
 #include "util/AppServices.h"
 #include "util/NotificationCenter.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
 
 namespace {
 
@@ -82,4 +87,35 @@ TEST_F(DatabaseUtilsTest, FailedAccountSaveGoesToTheActivityLog)
     ASSERT_EQ(posted.size(), 1);
     EXPECT_TRUE(posted.first().startsWith(QStringLiteral("Cannot save infomation: ")));
     EXPECT_EQ(DatabaseUtils::instance()->getInfomation()->session(), QStringLiteral("s1")); // kept in memory
+}
+
+TEST(CataloguePathsTest, ServerNamesFindTheSpellingUsedOnDisk)
+{
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    const QString root = dir.path() + QStringLiteral("/Sync");
+    const QString decomposedFolder = QStringLiteral("Mu\u0308ller");
+    ASSERT_TRUE(QDir().mkpath(root + u'/' + decomposedFolder + QStringLiteral("/plain")));
+    QFile file(root + u'/' + decomposedFolder + QStringLiteral("/Cafe\u0301.txt"));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.close();
+
+    const QString composedFolder = decomposedFolder.normalized(QString::NormalizationForm_C);
+    // Each component takes the spelling found on disk; what is not there keeps the server's.
+    EXPECT_EQ(
+        CataloguePaths::localSpelling(root + u'/' + composedFolder + QStringLiteral("/Caf\u00e9.txt"), root),
+        root + u'/' + decomposedFolder + QStringLiteral("/Cafe\u0301.txt"));
+    EXPECT_EQ(
+        CataloguePaths::localSpelling(root + u'/' + composedFolder + QStringLiteral("/plain/n\u00e9w"), root),
+        root + u'/' + decomposedFolder + QStringLiteral("/plain/n\u00e9w"));
+    EXPECT_EQ(CataloguePaths::localSpelling(root + QStringLiteral("/\u00c9t\u00e9/x"), root),
+              root + QStringLiteral("/\u00c9t\u00e9/x"));
+    EXPECT_EQ(CataloguePaths::localSpelling(QStringLiteral("/elsewhere/M\u00fcller"), root),
+              QStringLiteral("/elsewhere/M\u00fcller"));
+    EXPECT_EQ(CataloguePaths::nameAsSpelled(QStringLiteral("Caf\u00e9.txt"),
+                                            root + QStringLiteral("/Cafe\u0301.txt")),
+              QStringLiteral("Cafe\u0301.txt"));
+    EXPECT_EQ(
+        CataloguePaths::nameAsSpelled(QStringLiteral("other"), root + QStringLiteral("/Cafe\u0301.txt")),
+        QStringLiteral("other"));
 }

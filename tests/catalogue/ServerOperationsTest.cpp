@@ -3,9 +3,12 @@
 // sync folder.
 #include "CatalogueFixture.h"
 #include "catalogue/CataloguePaths.h"
+#include "util/Pace.h"
 
 #include <QDirIterator>
+#include <QElapsedTimer>
 #include <QFile>
+#include <QScopeGuard>
 #include <QTcpServer>
 #include <QThread>
 
@@ -340,8 +343,11 @@ TEST_F(ServerOperationsTest, ServerClockAndItemDetails)
     EXPECT_TRUE(context->fetch<File>().isEmpty());
 }
 
-TEST_F(ServerOperationsTest, OwnConnectionInfoStopsOnlyWhenClosedAndCancelled)
+TEST_F(ServerOperationsTest, OwnConnectionInfoIsPacedAndStopsOnlyWhenClosedAndCancelled)
 {
+    const double scale = Pace::scale();
+    Pace::setScale(0.05); // a second between tries is 50 ms here
+    const auto restoreScale = qScopeGuard([scale] { Pace::setScale(scale); });
     LogCapture diagnostics;
     QTcpServer closed;
     ASSERT_TRUE(closed.listen(QHostAddress::LocalHost));
@@ -354,6 +360,12 @@ TEST_F(ServerOperationsTest, OwnConnectionInfoStopsOnlyWhenClosedAndCancelled)
     worker->start();
     auto attempts = [&] { return diagnostics.lines().filter(QStringLiteral("error get data")).size(); };
     ASSERT_TRUE(TestUtil::waitFor([&] { return attempts() >= 2; }));
+    // Paced: five more tries take at least five pauses, where unpaced they take a few milliseconds.
+    QElapsedTimer clock;
+    clock.start();
+    const qsizetype before = attempts();
+    ASSERT_TRUE(TestUtil::waitFor([&] { return attempts() >= before + 5; }));
+    EXPECT_GE(clock.elapsed(), 4 * Pace::ms(1000));
     worker->requestInterruption(); // alone, it does not end the loop
     const qsizetype seen = attempts();
     ASSERT_TRUE(TestUtil::waitFor([&] { return attempts() >= seen + 3; }));

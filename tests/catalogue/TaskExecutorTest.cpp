@@ -5,6 +5,7 @@
 #include "protocol/UploadFile.h"
 
 #include <QFile>
+#include <QFileInfo>
 
 namespace {
 
@@ -268,17 +269,31 @@ TEST_F(TaskExecutorTest, MoveIntoAFolderNotYetOnTheServerWaitsForIt)
     EXPECT_EQ(db->getFileWithPath(at(QStringLiteral("x.txt")), context)->pkey(), harness->rootKey);
 }
 
-TEST_F(TaskExecutorTest, RefusedUploadIsDroppedAndCancelledOneKept)
+TEST_F(TaskExecutorTest, UploadsThatFailOrAreCancelledStayUntilStored)
 {
+    // Refused, cut off before the verdict, or lost without an answer: new file and edit alike stay.
     ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("r.txt")), "romeo"));
+    ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("e.txt")), "echo"));
     server().refuseUploads(1);
+    Fault cut;
+    cut.kind = Fault::Kind::CutReply;
+    cut.command = QStringLiteral("UPLOAD");
+    server().addFault(cut);
     queue(1, QStringLiteral("r.txt"), false);
+    queue(5, QStringLiteral("e.txt"), false);
     runTasks();
-    EXPECT_TRUE(pendingTypes().isEmpty());
-    EXPECT_FALSE(serverTree(server(), ServerHarness::user()).contains(QStringLiteral("r.txt")));
+    EXPECT_EQ(pendingTypes(), (QList<int>{1, 5}));
+    EXPECT_TRUE(serverTree(server(), ServerHarness::user()).isEmpty());
     ASSERT_TRUE(db->getFileWithPath(at(QStringLiteral("r.txt")), context));
     EXPECT_EQ(db->getFileWithPath(at(QStringLiteral("r.txt")), context)->uploadDone(), false);
     EXPECT_TRUE(works().contains(QStringLiteral("work_add /r.txt N")));
+    EXPECT_TRUE(works().contains(QStringLiteral("work_add /e.txt N")));
+    server().dropReplies(QStringLiteral("UPLOAD"), 1); // strikes the oldest, r.txt
+    runTasks();
+    EXPECT_EQ(pendingTypes(), QList<int>{1});
+    runTasks();
+    EXPECT_TRUE(pendingTypes().isEmpty());
+    expectSameEverywhere();
 
     ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("c.txt")), "charlie"));
     server().delayReplies(QStringLiteral("UPLOAD"), 30000);
@@ -297,7 +312,35 @@ TEST_F(TaskExecutorTest, RefusedUploadIsDroppedAndCancelledOneKept)
     server().clearFaults();
     runTasks();
     EXPECT_TRUE(pendingTypes().isEmpty());
-    expectSameEverywhere({}, {QStringLiteral("r.txt")});
+    expectSameEverywhere();
+}
+
+TEST_F(TaskExecutorTest, AFileWrittenAgainDuringItsUploadIsSentAgain)
+{
+    // Larger than what the connection holds: the upload is reading it when it is written again.
+    const QString file = at(QStringLiteral("f.bin"));
+    const QByteArray before(16 * 1024 * 1024, 'a'), after(16 * 1024 * 1024, 'b');
+    ASSERT_TRUE(TestUtil::writeFile(file, before));
+    const QDateTime dated = QFileInfo(file).lastModified();
+    server().delayReplies(QStringLiteral("UPLOAD"), 1500);
+    queue(1, QStringLiteral("f.bin"), false);
+    auto finished = std::make_shared<std::atomic<bool>>(false);
+    worker->post([this, finished] {
+        db->doTask();
+        *finished = true;
+    });
+    ASSERT_TRUE(
+        TestUtil::waitFor([&] { return server().requestedCommands().contains(QStringLiteral("UPLOAD")); }));
+    // Same size, same second: only the contents differ from what is being sent.
+    ASSERT_TRUE(TestUtil::writeFile(file, after));
+    ASSERT_TRUE(setMTime(file, dated));
+    ASSERT_TRUE(TestUtil::waitFor([&] { return finished->load(); }, 60000));
+    ASSERT_TRUE(pendingTypes().isEmpty());
+
+    admit(5, QStringLiteral("f.bin"), false); // what the watcher reports of the second write
+    ASSERT_TRUE(TestUtil::waitFor([&] { return pendingTypes().isEmpty() && !db->isDoTask(); }, 60000));
+    EXPECT_TRUE(server().fileContents(ServerHarness::user(), QStringLiteral("f.bin")) == after);
+    expectSameEverywhere();
 }
 
 TEST_F(TaskExecutorTest, LostRepliesKeepTheTaskOrResendThePut)

@@ -17,7 +17,10 @@
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTimer>
+#include <csignal>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 using namespace FileTest;
 
@@ -322,6 +325,35 @@ TEST_F(DaemonProcess, StopEndsTheConnectionAndStartAnnouncesANewPort)
     EXPECT_EQ(daemon.exitCode(), 0);
     EXPECT_TRUE(TestUtil::waitFor([&] { return socket->state() == QAbstractSocket::UnconnectedState; }));
     EXPECT_TRUE(TestUtil::waitFor([&] { return !serviceRunning(); }));
+}
+
+TEST_F(DaemonProcess, LostKernelEventsCloseTheConnectionAndTheTreeIsWatchedAfresh)
+{
+    launch();
+    startAndConnect();
+    // Stopped, the daemon reads nothing while more changes happen than the kernel's queue holds.
+    QFile limitFile(u"/proc/sys/fs/inotify/max_queued_events"_qs);
+    const int limit = limitFile.open(QIODevice::ReadOnly) ? limitFile.readAll().trimmed().toInt() : 0;
+    if (limit <= 0 || limit > 100000)
+        GTEST_SKIP() << "the kernel's event queue limit is unknown or too large";
+    const pid_t pid = pid_t(daemon.processId());
+    ASSERT_EQ(::kill(pid, SIGSTOP), 0);
+    for (int i = 0; i <= limit; ++i) {
+        const int fd = ::open(QFile::encodeName(root + u"/flood-"_qs + QString::number(i)).constData(),
+                              O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+        if (fd >= 0)
+            ::close(fd);
+    }
+    ASSERT_EQ(::kill(pid, SIGCONT), 0);
+    // The client is let go: it would have missed changes.
+    ASSERT_TRUE(
+        TestUtil::waitFor([&] { return socket->state() == QAbstractSocket::UnconnectedState; }, 30000));
+    // The daemon keeps its port and watches the tree as it is now.
+    const qsizetype announced = ports.size();
+    connectTo(ports.constLast().toUShort());
+    write(root + u"/after.txt"_qs);
+    EXPECT_EQ(settle(), QStringList({u"CreateFile after.txt"_qs}));
+    EXPECT_EQ(ports.size(), announced);
 }
 
 TEST_F(DaemonProcess, StartForSomethingThatIsNotAFolderAnnouncesNothing)

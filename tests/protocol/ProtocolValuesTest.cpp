@@ -1,9 +1,11 @@
 #include "common/TestUtil.h"
+#include "protocol/BackgroundDigest.h"
 #include "protocol/GetPrimaryMACAddress.h"
 #include "protocol/MyImage.h"
 #include "protocol/UploadFile.h"
 
 #include <QCryptographicHash>
+#include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
@@ -27,6 +29,37 @@ TEST(FileDigest, MatchesAcrossChunkBoundariesAndHandlesEmptyAndMissingFiles)
               QStringLiteral("d41d8cd98f00b204e9800998ecf8427e"));
     EXPECT_TRUE(UploadFile::getMD5OfFileAtPath(dir.filePath(QStringLiteral("missing"))).isEmpty());
     EXPECT_TRUE(UploadFile::getMD5OfFileAtPath(dir.path()).isEmpty());
+}
+
+// Many more pieces than buffers, of every size up to a whole buffer: the digest is the stream's, in
+// order, whatever the hashing thread was doing; a reset starts over once the earlier pieces are in.
+TEST(BackgroundDigest, HashesPiecesInOrderThroughItsFewBuffersAndStartsOverOnReset)
+{
+    constexpr qsizetype kBuffer = 4096;
+    BackgroundDigest digest(kBuffer);
+    EXPECT_EQ(digest.hexResult(), QStringLiteral("d41d8cd98f00b204e9800998ecf8427e"));
+
+    auto *random = QRandomGenerator::global();
+    auto feed = [&](int pieces, QCryptographicHash *expected) {
+        for (int i = 0; i < pieces; ++i) {
+            QByteArray &buffer = digest.nextBuffer();
+            ASSERT_EQ(buffer.size(), kBuffer);
+            const qsizetype size = qsizetype(random->bounded(int(kBuffer) + 1));
+            for (qsizetype b = 0; b < size; ++b)
+                buffer[b] = char(random->bounded(256));
+            expected->addData(QByteArrayView(buffer.constData(), size));
+            digest.submit(size);
+        }
+    };
+    QCryptographicHash first(QCryptographicHash::Md5);
+    feed(200, &first);
+    EXPECT_EQ(digest.hexResult(), QString::fromLatin1(first.result().toHex()));
+
+    QCryptographicHash dropped(QCryptographicHash::Md5), after(QCryptographicHash::Md5);
+    feed(50, &dropped);
+    digest.reset();
+    feed(50, &after);
+    EXPECT_EQ(digest.hexResult(), QString::fromLatin1(after.result().toHex()));
 }
 
 TEST(MacAddress, DefaultRouteInterfaceIsPreferredInLowerCase)

@@ -101,6 +101,28 @@ TEST_F(EngineTest, FirstSyncMirrorsTheServerTreeAndSendsNothingBack)
     expectInStep();
 }
 
+TEST_F(EngineTest, ServerChangesMadeDuringTheFirstWalkReachTheFolder)
+{
+    put(QStringLiteral("Walked/one.txt"), "one", QStringLiteral("20200102030405"));
+    put(QStringLiteral("Walked/two.txt"), "two", QStringLiteral("20200102030405"));
+    // The listing of the folder is slow: the walk is under way, the tree has been read.
+    srv().delayReplies(QStringLiteral("LIST"), 1500, 2);
+    const auto walking = [&] {
+        const QList<RequestLogEntry> requests = srv().requestLog();
+        return std::any_of(requests.cbegin(), requests.cend(), [](const RequestLogEntry &entry) {
+            return entry.command == u"LIST" && entry.body.contains("DIRKEY");
+        });
+    };
+    start();
+    ASSERT_TRUE(TestUtil::waitFor(walking));
+    put(QStringLiteral("during the walk.txt"), "late");
+    put(QStringLiteral("Walked/two.txt"), "two, edited", QStringLiteral("20300101000000"));
+    ASSERT_TRUE(waitInStep()) << local() << server();
+    expectInStep();
+    EXPECT_EQ(TestUtil::readFile(at(QStringLiteral("during the walk.txt"))), "late");
+    EXPECT_EQ(TestUtil::readFile(at(QStringLiteral("Walked/two.txt"))), "two, edited");
+}
+
 TEST_F(EngineTest, ServerNamesThatWouldLeaveTheSyncFolderChangeNothing)
 {
     const QString okKey =
@@ -184,6 +206,21 @@ TEST_F(EngineTest, WorkListAppliesEveryKindOfServerChange)
     ASSERT_TRUE(waitQuiet());
     EXPECT_EQ(writes(false).join(u' '), QString());
     expectInStep();
+}
+
+TEST_F(EngineTest, AServerEditDatedTheSameSecondAsTheLocalCopyIsFetched)
+{
+    // Dates are kept to the second: only the contents tell these two copies apart.
+    const QString time = QStringLiteral("20200101000000");
+    put(QStringLiteral("same second.txt"), "as it was", time);
+    put(QStringLiteral("Docs/other.txt"), "other", time);
+    start();
+    ASSERT_TRUE(waitInStep());
+    put(QStringLiteral("same second.txt"), "as another computer wrote it", time);
+    put(QStringLiteral("Docs/other.txt"), "other, edited", time);
+    ASSERT_TRUE(waitInStep()) << local() << server();
+    expectInStep();
+    EXPECT_EQ(TestUtil::readFile(at(QStringLiteral("same second.txt"))), "as another computer wrote it");
 }
 
 class SessionRefusal : public EngineTest, public ::testing::WithParamInterface<std::pair<const char *, int>>

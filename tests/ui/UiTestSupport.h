@@ -4,6 +4,7 @@
 #include "app/LanguageUtil.h"
 
 #include <QApplication>
+#include <QFile>
 #include <QLocale>
 #include <QWidget>
 
@@ -20,6 +21,30 @@ inline void useLanguage(QLocale::Language language)
     QLocale::setDefault(QLocale(language));
     LanguageUtil::readLanguage();
 }
+
+// Sets an environment variable for the scope, restoring the old value after.
+class EnvGuard
+{
+public:
+    EnvGuard(const char *name, const QString &value) : m_name(name), m_had(qEnvironmentVariableIsSet(name))
+    {
+        m_old = qgetenv(name);
+        qputenv(name, QFile::encodeName(value));
+    }
+    ~EnvGuard()
+    {
+        if (m_had)
+            qputenv(m_name, m_old);
+        else
+            qunsetenv(m_name);
+    }
+    Q_DISABLE_COPY_MOVE(EnvGuard)
+
+private:
+    const char *m_name;
+    bool m_had;
+    QByteArray m_old;
+};
 
 // The first visible top-level widget of type T, or nullptr.
 template <class T> T *visibleTopLevel()

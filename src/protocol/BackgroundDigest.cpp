@@ -1,0 +1,83 @@
+#include "protocol/BackgroundDigest.h"
+
+#include "protocol/Md5Digest.h"
+
+BackgroundDigest::BackgroundDigest(qsizetype bufferSize) : m_digest(std::make_unique<Md5Digest>())
+{
+    for (int i = 0; i < kBuffers; ++i) {
+        m_buffers.emplace_back(bufferSize, Qt::Uninitialized);
+        m_free.push_back(i);
+    }
+    m_thread = std::thread([this] { run(); });
+}
+
+BackgroundDigest::~BackgroundDigest()
+{
+    {
+        std::lock_guard lock(m_mutex);
+        m_stop = true;
+    }
+    m_changed.notify_all();
+    m_thread.join();
+}
+
+QByteArray &BackgroundDigest::nextBuffer()
+{
+    std::unique_lock lock(m_mutex);
+    if (m_current < 0) {
+        m_changed.wait(lock, [this] { return !m_free.empty(); });
+        m_current = m_free.back();
+        m_free.pop_back();
+    }
+    return m_buffers[std::size_t(m_current)];
+}
+
+void BackgroundDigest::submit(qsizetype size)
+{
+    {
+        std::lock_guard lock(m_mutex);
+        if (m_current < 0)
+            return;
+        m_queue.emplace_back(m_current, size);
+        m_current = -1;
+    }
+    m_changed.notify_all();
+}
+
+void BackgroundDigest::waitIdle(std::unique_lock<std::mutex> &lock)
+{
+    m_changed.wait(lock, [this] { return m_queue.empty() && !m_hashing; });
+}
+
+void BackgroundDigest::reset()
+{
+    std::unique_lock lock(m_mutex);
+    waitIdle(lock);
+    m_digest->reset();
+}
+
+QString BackgroundDigest::hexResult()
+{
+    std::unique_lock lock(m_mutex);
+    waitIdle(lock);
+    return m_digest->hexResult();
+}
+
+void BackgroundDigest::run()
+{
+    std::unique_lock lock(m_mutex);
+    for (;;) {
+        m_changed.wait(lock, [this] { return m_stop || !m_queue.empty(); });
+        if (m_stop)
+            return;
+        const auto [index, size] = m_queue.front();
+        m_queue.pop_front();
+        m_hashing = true;
+        lock.unlock();
+        m_digest->addData(QByteArrayView(m_buffers[std::size_t(index)].constData(), size));
+        lock.lock();
+        m_hashing = false;
+        m_free.push_back(index);
+        m_changed.notify_all();
+    }
+}
