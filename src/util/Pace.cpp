@@ -3,24 +3,39 @@
 #include <QMutex>
 #include <QThread>
 #include <QtGlobal>
-
 #include <atomic>
 #include <chrono>
 #include <cmath>
 #include <limits>
 
 namespace {
-double readScale()
+// A valid factor from the environment, or `fallback`.
+double readFactor(const char *name, double fallback)
 {
     bool ok = false;
-    const double value = qEnvironmentVariable("FERROVANE_TIME_SCALE").toDouble(&ok);
-    return (ok && value > 0 && std::isfinite(value)) ? value : 1.0;
+    const double value = qEnvironmentVariable(name).toDouble(&ok);
+    return (ok && value > 0 && std::isfinite(value)) ? value : fallback;
 }
 
 std::atomic<double> &factor()
 {
-    static std::atomic<double> value{readScale()};
+    static std::atomic<double> value{readFactor("FERROVANE_TIME_SCALE", 1.0)};
     return value;
+}
+
+// 0: timers follow factor().
+std::atomic<double> &timerFactor()
+{
+    static std::atomic<double> value{readFactor("FERROVANE_TIMER_SCALE", 0.0)};
+    return value;
+}
+
+int scaled(qint64 milliseconds, double by)
+{
+    if (milliseconds <= 0)
+        return 0;
+    const double value = std::llround(double(milliseconds) * by);
+    return int(qBound(1.0, value, double(std::numeric_limits<int>::max())));
 }
 
 using Clock = std::chrono::steady_clock;
@@ -45,7 +60,10 @@ Account &account()
 
 namespace Pace {
 
-double scale() { return factor().load(); }
+double scale()
+{
+    return factor().load();
+}
 
 void setScale(double value)
 {
@@ -53,18 +71,26 @@ void setScale(double value)
         factor() = value;
 }
 
+double timerScale()
+{
+    const double timers = timerFactor().load();
+    return timers > 0 ? timers : scale();
+}
+
+void setTimerScale(double value)
+{
+    timerFactor() = (value > 0 && std::isfinite(value)) ? value : 0.0;
+}
+
 int ms(qint64 milliseconds)
 {
-    if (milliseconds <= 0)
-        return 0;
-    const double scaled = std::llround(double(milliseconds) * scale());
-    return int(qBound(1.0, scaled, double(std::numeric_limits<int>::max())));
+    return scaled(milliseconds, timerScale());
 }
 
 void sleep(qint64 milliseconds)
 {
-    const int scaled = ms(milliseconds);
-    if (scaled <= 0)
+    const int pause = scaled(milliseconds, scale());
+    if (pause <= 0)
         return;
     Account &a = account();
     {
@@ -73,7 +99,7 @@ void sleep(qint64 milliseconds)
         if (a.sleepers++ == 0)
             a.spanStart = Clock::now();
     }
-    QThread::msleep(ulong(scaled));
+    QThread::msleep(ulong(pause));
     QMutexLocker lock(&a.lock);
     if (--a.sleepers == 0)
         a.paused += Clock::now() - a.spanStart;

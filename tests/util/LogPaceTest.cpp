@@ -41,6 +41,23 @@ TEST(Pace, ScalesIntervalsAndNeverRoundsAPositiveWaitToZero)
     Pace::setScale(old);
 }
 
+TEST(Pace, ATimerFactorScalesIntervalsButNotPauses)
+{
+    const double old = Pace::scale();
+    Pace::setScale(0.001);
+    Pace::setTimerScale(1);
+    EXPECT_EQ(Pace::ms(500), 500);
+    const Pace::Spent before = Pace::spent();
+    QElapsedTimer wall;
+    wall.start();
+    Pace::sleep(500); // 1 ms at the pause factor, not 500 at the timer factor
+    EXPECT_LT(wall.elapsed(), 400);
+    EXPECT_EQ(Pace::spent().pauses - before.pauses, 1);
+    Pace::setTimerScale(0); // follows the time scale again
+    EXPECT_EQ(Pace::ms(60000), 60);
+    Pace::setScale(old);
+}
+
 TEST(Pace, PausesOnSeveralThreadsAtOnceCountOnceInThePausedTime)
 {
     const double old = Pace::scale();
