@@ -180,6 +180,12 @@ HeadlessClient::~HeadlessClient()
         QObject::disconnect(m_delegate.get(), nullptr, this, nullptr);
         m_delegate.reset();
     }
+    // How much of the run was the engine's own pacing rather than work (the engine has gone, so
+    // no pause is still under way).
+    const Pace::Spent paced = Pace::spent();
+    FV_LOG(QStringLiteral("Paced: %1 pauses, %2 s with one under way")
+               .arg(paced.pauses)
+               .arg(double(paced.pausedNs) / 1e9, 0, 'f', 3));
 }
 
 int HeadlessClient::exec()

@@ -1,30 +1,69 @@
 #include "util/Pace.h"
 
+#include <QMutex>
 #include <QThread>
 #include <QtGlobal>
-
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <limits>
 
 namespace {
-double readScale()
+// A valid factor from the environment, or `fallback`.
+double readFactor(const char *name, double fallback)
 {
     bool ok = false;
-    const double value = qEnvironmentVariable("FERROVANE_TIME_SCALE").toDouble(&ok);
-    return (ok && value > 0 && std::isfinite(value)) ? value : 1.0;
+    const double value = qEnvironmentVariable(name).toDouble(&ok);
+    return (ok && value > 0 && std::isfinite(value)) ? value : fallback;
 }
 
 std::atomic<double> &factor()
 {
-    static std::atomic<double> value{readScale()};
+    static std::atomic<double> value{readFactor("FERROVANE_TIME_SCALE", 1.0)};
+    return value;
+}
+
+// 0: timers follow factor().
+std::atomic<double> &timerFactor()
+{
+    static std::atomic<double> value{readFactor("FERROVANE_TIMER_SCALE", 0.0)};
+    return value;
+}
+
+int scaled(qint64 milliseconds, double by)
+{
+    if (milliseconds <= 0)
+        return 0;
+    const double value = std::llround(double(milliseconds) * by);
+    return int(qBound(1.0, value, double(std::numeric_limits<int>::max())));
+}
+
+using Clock = std::chrono::steady_clock;
+
+// The account of the pauses: a span opens when the first thread starts one and closes when the
+// last one under way ends.
+struct Account
+{
+    QMutex lock;
+    int sleepers = 0;
+    qint64 pauses = 0;
+    Clock::time_point spanStart;
+    Clock::duration paused{};
+};
+
+Account &account()
+{
+    static Account value;
     return value;
 }
 } // namespace
 
 namespace Pace {
 
-double scale() { return factor().load(); }
+double scale()
+{
+    return factor().load();
+}
 
 void setScale(double value)
 {
@@ -32,19 +71,48 @@ void setScale(double value)
         factor() = value;
 }
 
+double timerScale()
+{
+    const double timers = timerFactor().load();
+    return timers > 0 ? timers : scale();
+}
+
+void setTimerScale(double value)
+{
+    timerFactor() = (value > 0 && std::isfinite(value)) ? value : 0.0;
+}
+
 int ms(qint64 milliseconds)
 {
-    if (milliseconds <= 0)
-        return 0;
-    const double scaled = std::llround(double(milliseconds) * scale());
-    return int(qBound(1.0, scaled, double(std::numeric_limits<int>::max())));
+    return scaled(milliseconds, timerScale());
 }
 
 void sleep(qint64 milliseconds)
 {
-    const int scaled = ms(milliseconds);
-    if (scaled > 0)
-        QThread::msleep(ulong(scaled));
+    const int pause = scaled(milliseconds, scale());
+    if (pause <= 0)
+        return;
+    Account &a = account();
+    {
+        QMutexLocker lock(&a.lock);
+        ++a.pauses;
+        if (a.sleepers++ == 0)
+            a.spanStart = Clock::now();
+    }
+    QThread::msleep(ulong(pause));
+    QMutexLocker lock(&a.lock);
+    if (--a.sleepers == 0)
+        a.paused += Clock::now() - a.spanStart;
+}
+
+Spent spent()
+{
+    Account &a = account();
+    QMutexLocker lock(&a.lock);
+    Clock::duration paused = a.paused;
+    if (a.sleepers > 0)
+        paused += Clock::now() - a.spanStart;
+    return {a.pauses, qint64(std::chrono::duration_cast<std::chrono::nanoseconds>(paused).count())};
 }
 
 } // namespace Pace
