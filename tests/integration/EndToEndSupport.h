@@ -140,6 +140,8 @@ public:
 private:
     QProcessEnvironment environment() const;
     bool startBus();
+    // Keeps any sanitizer report in the client's stderr before that output is dropped.
+    void noteReports();
 
     QString m_name;
     ServerProcess &m_server;
@@ -150,6 +152,7 @@ private:
     std::unique_ptr<QProcess> m_client;
     QByteArray m_stdout;
     QByteArray m_stderr;
+    QString m_reports; // of every client run so far
 };
 
 // The program paths in the build (beside the test executable).
