@@ -394,8 +394,10 @@ TEST_F(TaskExecutorTest, AFileWrittenAgainDuringItsUploadIsSentAgain)
         db->doTask();
         *finished = true;
     });
-    ASSERT_TRUE(
-        TestUtil::waitFor([&] { return server().requestedCommands().contains(QStringLiteral("UPLOAD")); }));
+    // The server logs the upload once its whole body is in: 16 MiB under the sanitizers on a busy
+    // machine can take longer than the default bound.
+    ASSERT_TRUE(TestUtil::waitFor(
+        [&] { return server().requestedCommands().contains(QStringLiteral("UPLOAD")); }, 60000));
     // Same size, same second: only the contents differ from what is being sent.
     ASSERT_TRUE(TestUtil::writeFile(file, after));
     ASSERT_TRUE(setMTime(file, dated));

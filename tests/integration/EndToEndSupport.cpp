@@ -21,6 +21,7 @@
 #include <QTimer>
 #include <QUrlQuery>
 #include <csignal>
+#include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/types.h>
 #include <utime.h>
@@ -71,6 +72,33 @@ QString describe(const Entry &entry)
     if (entry.folder)
         return QStringLiteral("folder mtime=%1").arg(entry.mtime);
     return QStringLiteral("file size=%1 md5=%2 mtime=%3").arg(entry.size).arg(entry.md5).arg(entry.mtime);
+}
+
+// False once the process is gone or a zombie (the daemon is detached: its parent may be slow
+// to reap it).
+bool processAlive(qint64 pid)
+{
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly))
+        return false;
+    const QByteArray line = stat.readAll();
+    const qsizetype end = line.lastIndexOf(')');
+    return end >= 0 && line.size() > end + 2 && line[end + 2] != 'Z' && line[end + 2] != 'X';
+}
+
+// A sanitizer report in what a program wrote on stderr, from its first line on; empty when none.
+// (Address and leak reports of every child also land in files the test main checks; undefined-
+// behaviour reports of a program built with both sanitizers only ever go to stderr.)
+QString sanitizerReport(const QByteArray &errorOutput)
+{
+    static const QRegularExpression report(QStringLiteral(
+        "runtime error:|ERROR: AddressSanitizer|ERROR: LeakSanitizer|SUMMARY: UndefinedBehaviorSanitizer"));
+    const QString text = QString::fromUtf8(errorOutput);
+    const QRegularExpressionMatch found = report.match(text);
+    if (!found.hasMatch())
+        return {};
+    const qsizetype lineStart = text.lastIndexOf(u'\n', found.capturedStart()) + 1;
+    return text.mid(lineStart, 16000);
 }
 
 } // namespace
@@ -173,6 +201,8 @@ void ServerProcess::stop()
             m_process->waitForFinished(5000);
         }
     }
+    if (const QString report = sanitizerReport(m_process->readAllStandardError()); !report.isEmpty())
+        ADD_FAILURE() << "ferrovane-server:\n" << report.toStdString();
     m_process.reset();
 }
 
@@ -391,8 +421,14 @@ Computer::Computer(const QString &name, ServerProcess &server) : m_name(name), m
 Computer::~Computer()
 {
     killClient();
-    if (const qint64 pid = daemonPid())
+    if (const qint64 pid = daemonPid()) {
         ::kill(pid_t(pid), SIGTERM);
+        // Waited for, so that what it reports on its way out counts for the test that ran it.
+        waitFor([pid] { return !processAlive(pid); }, 10000);
+    }
+    noteReports();
+    if (!m_reports.isEmpty())
+        ADD_FAILURE() << "computer " << m_name.toStdString() << ":\n" << m_reports.toStdString();
     if (m_bus) {
         m_bus->terminate();
         if (!m_bus->waitForFinished(5000))
@@ -442,6 +478,7 @@ QProcessEnvironment Computer::environment() const
 bool Computer::startClient(const QStringList &arguments, const QString &password)
 {
     killClient();
+    noteReports();
     m_stdout.clear();
     m_stderr.clear();
     m_client = std::make_unique<QProcess>();
@@ -520,6 +557,13 @@ QStringList Computer::output()
     if (!lines.isEmpty() && lines.last().isEmpty())
         lines.removeLast();
     return lines;
+}
+
+void Computer::noteReports()
+{
+    // The client's stderr carries its daemon's too: the daemon is started detached and inherits it.
+    output();
+    m_reports += sanitizerReport(m_stderr);
 }
 
 QString Computer::errorOutput()

@@ -143,6 +143,8 @@ public:
 private:
     QProcessEnvironment environment() const;
     bool startBus();
+    // Keeps any sanitizer report in the client's stderr before that output is dropped.
+    void noteReports();
 
     QString m_name;
     ServerProcess &m_server;
@@ -153,6 +155,7 @@ private:
     std::unique_ptr<QProcess> m_client;
     QByteArray m_stdout;
     QByteArray m_stderr;
+    QString m_reports; // of every client run so far
 };
 
 // Server tree == every computer's sync folder == its catalogue: the differences, empty when in step.

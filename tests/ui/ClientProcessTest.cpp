@@ -207,7 +207,8 @@ TEST_F(ClientProcess, TrayItemRegistersWithTheWatcherAndOffersTheStatusMenu)
                                              : MenuItem{};
     };
     ASSERT_TRUE(TestUtil::waitFor([&] {
-        const MenuItem *start = layout().find(tr("start_menu_item"));
+        const MenuItem current = layout(); // kept: find() points into it
+        const MenuItem *start = current.find(tr("start_menu_item"));
         return start && start->enabled;
     }));
     const MenuItem menu = layout();
