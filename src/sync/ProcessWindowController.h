@@ -26,6 +26,7 @@
 #include "watch/FSEventsListener.h"
 #include "watch/VDKQueue.h"
 
+#include <QElapsedTimer>
 #include <QHash>
 #include <QList>
 #include <QMutex>
@@ -294,6 +295,12 @@ private:
     void storeTask(qint64 type, const QString &name, const QString &path, const QString &newPath, bool folder,
                    bool fileStillThere);
     void renameOnThread(const Notification &notification, bool folder);
+    // What this engine did to the sync folder for the server (a rename or move: type 3 or 4 with
+    // both paths; a removal: type 2), noted so that the watcher's report of it is not taken for the
+    // user's change. Listener queue only.
+    void noteOwnChange(qint64 type, const QString &path, const QString &newPath);
+    // Whether a reported change is one of those (used up when it is).
+    bool takeOwnChange(qint64 type, const QString &path, const QString &newPath);
     void moveOnThread(const Notification &notification, bool folder);
 
     AppServices *m_appDelegate = nullptr;
@@ -320,6 +327,14 @@ private:
     // while the disk is too full for it.
     static constexpr int kDownloadAttempts = 3;
     QHash<QString, int> m_downloadFailures;
+    struct OwnChange
+    {
+        qint64 type = 0;
+        QString path;
+        QString newPath;
+        QElapsedTimer since;
+    };
+    QList<OwnChange> m_ownChanges;          // listener queue only
     bool m_linkMadeBefore = false;          // main thread: a daemon link was made before
     std::atomic<bool> m_linked{false};      // a daemon link has been made (and so watches)
     std::atomic<bool> m_fetchFailed{false}; // a server change could not be fetched this pass

@@ -457,6 +457,14 @@ void ProcessWindowController::storeTask(qint64 type, const QString &name, const 
 {
     if (!isAlive())
         return;
+    // The watcher reports what the engine itself did for the server too: that is no change of the
+    // user's. Sent back, it could even hit another item: a server rename of A to B followed by one
+    // of C to A leaves C where the report of the first says A left, and the rename would go out for
+    // C (a move or removal likewise).
+    if ((type == 2 || type == 3 || type == 4) && takeOwnChange(type, path, newPath)) {
+        FV_LOG(QStringLiteral("Applied for the server, not sent back: %1 %2").arg(path, newPath));
+        return;
+    }
     // A download being written (or put in place: the part renamed over the file) is no local
     // change; the download records the file itself.
     if (CataloguePaths::isDownloadPart(path) ||
@@ -476,6 +484,31 @@ void ProcessWindowController::storeTask(qint64 type, const QString &name, const 
         task.insert(QStringLiteral("kKeyTaskNewPath"), newPath);
     if (db()->addTaskWithDictionary(task, listenerManagedObjectContext()))
         postToWorker([] {}); // counted until the worker has taken up the run the task asked for
+}
+
+void ProcessWindowController::noteOwnChange(qint64 type, const QString &path, const QString &newPath)
+{
+    // A report that never comes (no daemon linked at the time: the next link's rescan covers it)
+    // must not swallow a change of the user's much later. The bound is the machine's, not the
+    // program's pace: it is not scaled.
+    constexpr qint64 kReportBoundMs = 60000;
+    m_ownChanges.removeIf([](const OwnChange &change) { return change.since.hasExpired(kReportBoundMs); });
+    OwnChange change{type == 2 ? 2 : 3, path, newPath, {}};
+    change.since.start();
+    m_ownChanges.append(change);
+}
+
+bool ProcessWindowController::takeOwnChange(qint64 type, const QString &path, const QString &newPath)
+{
+    const qint64 kind = type == 2 ? 2 : 3; // a rename and a move are told apart by the folders only
+    for (qsizetype i = 0; i < m_ownChanges.size(); ++i) {
+        const OwnChange &change = m_ownChanges.at(i);
+        if (change.type != kind || change.path != path || (kind == 3 && change.newPath != newPath))
+            continue;
+        m_ownChanges.removeAt(i);
+        return true;
+    }
+    return false;
 }
 
 void ProcessWindowController::fileWasAdded(const QString &path)

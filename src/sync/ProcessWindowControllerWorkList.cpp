@@ -317,6 +317,13 @@ void ProcessWindowController::applyTask(const ProcessTask &task,
     const std::shared_ptr<DatabaseUtils> utils = db();
     if (!context)
         return;
+    // Where the catalogue has the item of `key` now (read before and after a change is applied).
+    const auto catalogued = [&](const QString &key) {
+        const std::shared_ptr<CatalogueItem> row =
+            task.isFolder() ? std::shared_ptr<CatalogueItem>(utils->getDirectoryWithKey(key, context))
+                            : std::shared_ptr<CatalogueItem>(utils->getFileWithKey(key, context));
+        return row ? row->path() : QString();
+    };
     switch (task.taskType()) {
     case ProcessTask::Add: {
         QStringList record = task.taskObject().toStringList();
@@ -377,24 +384,40 @@ void ProcessWindowController::applyTask(const ProcessTask &task,
                 false, utils->serverTimeToLocalTimeStr(time), QString(), true));
         return;
     }
-    case ProcessTask::Delete:
+    case ProcessTask::Delete: {
+        const QString key = task.taskObject().toString();
+        const QString gone = catalogued(key);
+        const bool wasThere = !gone.isEmpty() && CataloguePaths::itemExists(gone);
         if (task.isFolder())
-            utils->deleteDirectory(task.taskObject().toString(), context);
+            utils->deleteDirectory(key, context);
         else
-            utils->deleteFile(task.taskObject().toString(), context);
+            utils->deleteFile(key, context);
+        if (wasThere && !CataloguePaths::itemExists(gone))
+            noteOwnChange(2, gone, QString());
         return;
+    }
     case ProcessTask::Rename:
-        if (task.isFolder())
-            utils->renameDirectory(task.taskObject().toStringList(), context);
-        else
-            utils->renameFile(task.taskObject().toStringList(), context);
+    case ProcessTask::Move: {
+        const QStringList record = task.taskObject().toStringList();
+        const QString key = record.value(DatabaseUtils::ItemKey);
+        const QString from = catalogued(key);
+        if (task.taskType() == ProcessTask::Rename) {
+            if (task.isFolder())
+                utils->renameDirectory(record, context);
+            else
+                utils->renameFile(record, context);
+        } else {
+            if (task.isFolder())
+                utils->moveDirectory(record, context);
+            else
+                utils->moveFile(record, context);
+        }
+        // The catalogue takes the new path only once the item has moved on disk.
+        const QString to = catalogued(key);
+        if (!from.isEmpty() && !to.isEmpty() && from != to)
+            noteOwnChange(task.taskType(), from, to);
         return;
-    case ProcessTask::Move:
-        if (task.isFolder())
-            utils->moveDirectory(task.taskObject().toStringList(), context);
-        else
-            utils->moveFile(task.taskObject().toStringList(), context);
-        return;
+    }
     default:
         return;
     }

@@ -209,6 +209,46 @@ TEST_F(EngineTest, WorkListAppliesEveryKindOfServerChange)
     expectInStep();
 }
 
+TEST_F(EngineTest, ServerChangesThatRefillAPlaceJustLeftAreNotSentBack)
+{
+    // The watcher reports each server change the engine applies; by the time it does, another item
+    // may stand where the first one left (taken for the user's change, the report would rename,
+    // move or delete that other item on the server).
+    put(QStringLiteral("Docs/a.txt"), "a", QStringLiteral("20200101000000"));
+    put(QStringLiteral("Docs/c.txt"), "c", QStringLiteral("20200101000000"));
+    put(QStringLiteral("b.txt"), "b", QStringLiteral("20200101000000"));
+    put(QStringLiteral("d.txt"), "d", QStringLiteral("20200101000000"));
+    put(QStringLiteral("x.txt"), "x", QStringLiteral("20200101000000"));
+    put(QStringLiteral("y.txt"), "y", QStringLiteral("20200101000000"));
+    ASSERT_FALSE(srv().makeFolder(user(), QStringLiteral("Keep")).isEmpty());
+    ASSERT_FALSE(srv().makeFolder(user(), QStringLiteral("F")).isEmpty());
+    ASSERT_FALSE(srv().makeFolder(user(), QStringLiteral("G")).isEmpty());
+    start();
+    ASSERT_TRUE(waitInStep());
+    srv().clearRequestLog();
+
+    ASSERT_TRUE(srv().moveItem(user(), QStringLiteral("Docs/a.txt"), QStringLiteral("Keep")));
+    ASSERT_TRUE(srv().renameItem(user(), QStringLiteral("Docs/c.txt"), QStringLiteral("a.txt")));
+    ASSERT_TRUE(srv().renameItem(user(), QStringLiteral("b.txt"), QStringLiteral("b2.txt")));
+    ASSERT_TRUE(srv().renameItem(user(), QStringLiteral("d.txt"), QStringLiteral("b.txt")));
+    ASSERT_TRUE(srv().deleteItem(user(), QStringLiteral("x.txt")));
+    ASSERT_TRUE(srv().renameItem(user(), QStringLiteral("y.txt"), QStringLiteral("x.txt")));
+    ASSERT_TRUE(srv().renameItem(user(), QStringLiteral("F"), QStringLiteral("F2")));
+    ASSERT_TRUE(srv().renameItem(user(), QStringLiteral("G"), QStringLiteral("F")));
+
+    ASSERT_TRUE(waitInStep()) << local() << server();
+    markPasses();
+    ASSERT_TRUE(waitForPasses(2));
+    ASSERT_TRUE(waitQuiet());
+    EXPECT_EQ(writes(false).join(u' '), QString());
+    expectInStep();
+    EXPECT_EQ(TestUtil::readFile(at(QStringLiteral("Keep/a.txt"))), "a");
+    EXPECT_EQ(TestUtil::readFile(at(QStringLiteral("Docs/a.txt"))), "c");
+    EXPECT_EQ(TestUtil::readFile(at(QStringLiteral("b.txt"))), "d");
+    EXPECT_EQ(TestUtil::readFile(at(QStringLiteral("x.txt"))), "y");
+    EXPECT_TRUE(QFileInfo(at(QStringLiteral("F2"))).isDir());
+}
+
 TEST_F(EngineTest, AServerEditDatedTheSameSecondAsTheLocalCopyIsFetched)
 {
     // Dates are kept to the second: only the contents tell these two copies apart.
