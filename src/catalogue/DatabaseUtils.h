@@ -265,6 +265,16 @@ private:
     // `relocationId`: the rename's or move's task number.
     bool followRelocation(const QString &oldPath, const QString &newPath, qint64 relocationId,
                           const ContextPtr &context);
+    // Queues an upload for everything below `top` on disk that is neither catalogued nor waiting
+    // (a download part or a Finder file aside). Whether any task was.
+    bool takeUpUnsentBelow(const QString &top, const ContextPtr &context);
+    // A rename or move whose item is gone from its old place while the catalogue has another item
+    // at the new one: the server cannot take it (the name is in use), and the item there stands for
+    // what the user now has at the new place (sent anew by a delete that found the place filled
+    // again, or about to be, by the waiting delete of the item it replaced). The item at the old
+    // place is then removed on the server; the delete's result, or 0 when the relocation stands.
+    int relocationIntoTakenPlace(const TaskPtr &task, const std::shared_ptr<CatalogueItem> &row,
+                                 const ContextPtr &context);
     // The row takes its new name and place first, the item follows on disk, and the row goes back
     // when the disk refuses. Logged either way.
     void relocateItem(const std::shared_ptr<CatalogueItem> &row, bool folder, const Relocation &to,

@@ -232,6 +232,9 @@ int DatabaseUtils::runOneTask(const TaskPtr &task, const ContextPtr &context, bo
                 for (const TaskPtr &below : getAllTaskWithPath(path, context))
                     context->deleteObject(below);
                 saveContext(context, QStringLiteral("%1"));
+                // The server's folder went with all it held, and only the folder was sent anew:
+                // what the folder here holds goes again (the tasks dropped above included).
+                takeUpUnsentBelow(path, context);
                 *restart = true;
             }
         } else {
@@ -310,10 +313,16 @@ bool DatabaseUtils::followRelocation(const QString &oldPath, const QString &newP
     // A folder moved while something new in it waited to be sent: that task may have run (and been
     // dropped, its path gone) before the move was reported. Whatever the folder now holds that is
     // neither catalogued nor waiting is taken up again.
+    return takeUpUnsentBelow(newPath, context) || changed;
+}
+
+bool DatabaseUtils::takeUpUnsentBelow(const QString &top, const ContextPtr &context)
+{
     bool isFolder = false;
-    if (!CataloguePaths::itemExists(newPath, &isFolder) || !isFolder)
-        return changed;
-    QDirIterator it(newPath, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+    if (!CataloguePaths::itemExists(top, &isFolder) || !isFolder)
+        return false;
+    bool changed = false;
+    QDirIterator it(top, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
                     QDirIterator::Subdirectories);
     while (it.hasNext()) {
         const QString path = it.next();
@@ -325,7 +334,7 @@ bool DatabaseUtils::followRelocation(const QString &oldPath, const QString &newP
             folder ? bool(getDirectoryWithPath(path, context)) : bool(getFileWithPath(path, context));
         if (known || getTaskWithPath(path, context))
             continue;
-        FV_LOG(QStringLiteral("Not yet sent from a moved folder: %1").arg(path));
+        FV_LOG(QStringLiteral("Not yet sent: %1").arg(path));
         addTaskWithDictionary({{QStringLiteral("kKeyTaskType"), 1},
                                {QStringLiteral("kKeyTaskFolder"), folder},
                                {QStringLiteral("kKeyTaskPath"), path},
@@ -496,6 +505,8 @@ int DatabaseUtils::renameTask(const TaskPtr &task, const ContextPtr &context)
         if (!row)
             return -5;
     }
+    if (const int removed = relocationIntoTakenPlace(task, row, context))
+        return removed;
     const CommandReply reply =
         sentRequestWithBody(opening(QStringLiteral("RENAME"), m_macName) +
                             QStringLiteral("<KEY NAME=\"%1\">%2</KEY>").arg(composed(newName), row->key()) +
@@ -536,6 +547,30 @@ int DatabaseUtils::renameTask(const TaskPtr &task, const ContextPtr &context)
         }
     }
     return 1;
+}
+
+int DatabaseUtils::relocationIntoTakenPlace(const TaskPtr &task, const std::shared_ptr<CatalogueItem> &row,
+                                            const ContextPtr &context)
+{
+    const QString oldPath = task->path();
+    const QString newPath = task->newPath();
+    if (CataloguePaths::itemExists(oldPath))
+        return 0;
+    std::shared_ptr<CatalogueItem> there = getFileWithPath(newPath, context);
+    if (!there)
+        there = getDirectoryWithPath(newPath, context);
+    if (!there || there->key() == row->key())
+        return 0;
+    // The item there is itself about to leave (names swapped through a third one): the relocations
+    // stand as they are.
+    const QList<TaskPtr> leaving = context->fetch<Task>(Predicate::equalTo(QStringLiteral("path"), newPath));
+    if (std::any_of(leaving.cbegin(), leaving.cend(), [&](const TaskPtr &other) {
+            return other != task && !other->isDeleted() && isRelocation(other);
+        }))
+        return 0;
+    FV_LOG(QStringLiteral("%1 went to %2, which the catalogue has as item %3: removed on the server instead")
+               .arg(oldPath, newPath, there->key()));
+    return deleteTask(task, context);
 }
 
 int DatabaseUtils::deleteTask(const TaskPtr &task, const ContextPtr &context)
@@ -599,6 +634,8 @@ int DatabaseUtils::moveTask(const TaskPtr &task, const ContextPtr &context)
                : std::shared_ptr<CatalogueItem>(getFileWithPath(oldPath, context));
     if (!row)
         return -5;
+    if (const int removed = relocationIntoTakenPlace(task, row, context))
+        return removed;
     const QString root = syncFolderPath(context);
     const InfomationPtr account = getInfomationWithManagedObjectContext(context);
     const QString accountFolder = account && !account->path().isEmpty() ? account->path() : root;

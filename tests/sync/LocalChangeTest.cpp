@@ -130,6 +130,34 @@ TEST_F(LocalChangeTest, EveryLocalChangeReachesTheServerThroughTheDaemon)
     step("after a restart");
 }
 
+TEST_F(LocalChangeTest, AnItemRenamedIntoThePlaceOfOneJustDeletedTakesItOnTheServer)
+{
+    // The delete may run before the rename is reported (it then finds the place filled and sends
+    // what is there anew) or after it (the rename then finds the place still taken): either way the
+    // server must end with one item there, and nothing left under the old name.
+    for (const char *file : {"Docs/a.txt", "Docs/b.txt", "F/f.txt", "G/g.txt", "G/sub/h.txt"})
+        ASSERT_FALSE(srv()
+                         .putFile(user(), QLatin1String(file), QByteArray("was ") + file,
+                                  QStringLiteral("20200101000000"))
+                         .isEmpty());
+    start();
+    ASSERT_TRUE(connected());
+    ASSERT_TRUE(waitInStep());
+
+    ASSERT_TRUE(QFile::remove(at(QStringLiteral("Docs/b.txt"))));
+    rename(QStringLiteral("Docs/a.txt"), QStringLiteral("Docs/b.txt"));
+    ASSERT_TRUE(QDir(at(QStringLiteral("F"))).removeRecursively());
+    rename(QStringLiteral("G"), QStringLiteral("F"));
+
+    ASSERT_TRUE(waitInStep()) << local() << server();
+    expectInStep();
+    EXPECT_EQ(server().keys(), QStringList({QStringLiteral("Docs"), QStringLiteral("Docs/b.txt"),
+                                            QStringLiteral("F"), QStringLiteral("F/g.txt"),
+                                            QStringLiteral("F/sub"), QStringLiteral("F/sub/h.txt")}));
+    EXPECT_EQ(srv().fileContents(user(), QStringLiteral("Docs/b.txt")), "was Docs/a.txt");
+    EXPECT_EQ(srv().fileContents(user(), QStringLiteral("F/sub/h.txt")), "was G/sub/h.txt");
+}
+
 TEST_F(LocalChangeTest, AnUploadThatFailsIsSentAgainAtALaterPassWithoutAnotherChange)
 {
     start();
