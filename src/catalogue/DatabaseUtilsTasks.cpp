@@ -37,7 +37,17 @@ TaskPtr DatabaseUtils::addTaskWithDictionary(const QVariantMap &dictionary, cons
                    : std::shared_ptr<CatalogueItem>(getFileWithPath(path, context));
         TaskPtr pending;
         if (!row) {
-            pending = getTaskWithPath(path, context);
+            // A rename or move away from this path carries the item that was here, not one made
+            // here since: it does not stand for this change (a file moved away and a new one made
+            // under its name, reported while the move was being sent).
+            for (const TaskPtr &candidate :
+                 context->fetch<Task>(Predicate::equalTo(QStringLiteral("path"), path))) {
+                const qint64 kind = candidate->taskType().value_or(0);
+                if (!candidate->isDeleted() && kind != 3 && kind != 4) {
+                    pending = candidate;
+                    break;
+                }
+            }
             if (pending && pending->taskType() == type)
                 return nullptr; // already queued
         }

@@ -288,6 +288,8 @@ INSTANTIATE_TEST_SUITE_P(
                       AdmissionCase{"SameTypeAlreadyPending", 5, false, Row::None, 5, 0},
                       AdmissionCase{"EarlierPendingTaskOfOtherTypeStands", 5, false, Row::None, 1, 0},
                       AdmissionCase{"PendingFolderTaskStands", 1, true, Row::None, 2, 0},
+                      AdmissionCase{"NewFileWhereAPendingMoveLeftIsQueued", 1, false, Row::None, 4, 1},
+                      AdmissionCase{"NewFileWhereAPendingRenameLeftIsQueued", 1, false, Row::None, 3, 1},
                       AdmissionCase{"RemovalAlwaysQueued", 2, false, Row::SameTime, 2, 2},
                       AdmissionCase{"MoveAlwaysQueued", 4, false, Row::SameTime, 4, 4},
                       AdmissionCase{"RenameQueuedDespitePending", 3, true, Row::SameTime, 1, 3}),
