@@ -444,7 +444,9 @@ void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLE
     if (!md5.isEmpty())
         row->setMd5(md5);
     row->setTime(time);
-    row->setSize(size);
+    // What was fetched may be a later version than the listing's (edited again meanwhile): its
+    // size goes with its MD5.
+    row->setSize(download ? QString::number(QFileInfo(local).size()) : size);
     row->setKey(key);
     row->setPkey(pkey);
     row->setPath(local);

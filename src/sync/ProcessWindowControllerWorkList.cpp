@@ -377,6 +377,20 @@ void ProcessWindowController::applyTask(const ProcessTask &task,
         m_downloadFailures.remove(key);
         record[DatabaseUtils::ItemMd5] = md5;
         utils->insertFile(record, context);
+        // The row's size is the server's at the time of recording, which may already be a later
+        // version's (the file edited again meanwhile); the MD5 is that of the bytes fetched. Mixed,
+        // they make the copy here look changed here: a later edit on the server dated the same
+        // second is then never fetched, and the copy could be sent back over it. The size is that
+        // of what was fetched.
+        if (const FilePtr row = utils->getFileWithKey(key, context)) {
+            const QString fetchedSize = QString::number(QFileInfo(local).size());
+            if (row->size() != fetchedSize) {
+                row->setSize(fetchedSize);
+                FvError error;
+                if (!context->save(&error))
+                    FV_LOG(QStringLiteral("%1").arg(error.toString()));
+            }
+        }
         if (utils->getFileWithPath(local, context))
             DatabaseUtils::postLogFromServer(LogObject::createLogObjectWithName(
                 name, DatabaseUtils::localizedString(QStringLiteral("work_add")),

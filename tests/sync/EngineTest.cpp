@@ -264,6 +264,30 @@ TEST_F(EngineTest, AServerEditDatedTheSameSecondAsTheLocalCopyIsFetched)
     EXPECT_EQ(TestUtil::readFile(at(QStringLiteral("same second.txt"))), "as another computer wrote it");
 }
 
+TEST_F(EngineTest, AServerEditMadeWhileTheLastOneIsRecordedIsFetchedToo)
+{
+    // Another computer saves a file twice within one second; the second save lands between the
+    // fetch of the first and its recording (whose details are the server's current ones).
+    put(QStringLiteral("Docs/f.txt"), "as it was", QStringLiteral("20200101000000"));
+    start();
+    ASSERT_TRUE(waitInStep());
+    srv().clearRequestLog();
+    const auto infos = [&] { return int(commands().count(QStringLiteral("INFO"))); };
+    Fault slowRecording;
+    slowRecording.kind = Fault::Kind::Delay;
+    slowRecording.command = QStringLiteral("INFO");
+    slowRecording.skip = 1; // the one before the fetch goes through
+    slowRecording.delayMs = 1000;
+    srv().addFault(slowRecording);
+    put(QStringLiteral("Docs/f.txt"), "first save, the longer one", QStringLiteral("20300101000000"));
+    ASSERT_TRUE(TestUtil::waitFor([&] { return infos() >= 2; }, 30000));
+    put(QStringLiteral("Docs/f.txt"), "second save", QStringLiteral("20300101000000"));
+
+    ASSERT_TRUE(waitInStep()) << local() << server();
+    expectInStep();
+    EXPECT_EQ(TestUtil::readFile(at(QStringLiteral("Docs/f.txt"))), "second save");
+}
+
 class SessionRefusal : public EngineTest, public ::testing::WithParamInterface<std::pair<const char *, int>>
 {
 };
