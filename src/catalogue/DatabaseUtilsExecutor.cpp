@@ -88,7 +88,9 @@ bool isUpload(const TaskPtr &task)
 //   file seen together); sent first, the file would find no folder on the server;
 // - a rename or move before everything below its new path (that place exists on the server only
 //   once it is done) and before the uploads of what it carried away (they follow the item to its
-//   new path once it is done; sent before, they would find nothing at the old one).
+//   new path once it is done; sent before, they would find nothing at the old one);
+// - but a rename or move that fills a place after the one that emptied it (names swapped, or one
+//   item moved away and another moved in).
 QList<TaskPtr> parentsFirst(const QList<TaskPtr> &tasks)
 {
     QHash<QString, TaskPtr> newFolders;
@@ -120,9 +122,23 @@ QList<TaskPtr> parentsFirst(const QList<TaskPtr> &tasks)
         for (const TaskPtr &relocation : std::as_const(relocations)) {
             if (relocation == task)
                 continue;
+            // A rename or move away from a place that another one, recorded later, fills: this one
+            // carries what was there before, and goes first (below).
+            if (isRelocation(task) && task->path() == relocation->newPath() &&
+                task->objectID() < relocation->objectID())
+                continue;
             if (atOrBelow(task->path(), relocation->newPath()) ||
                 (isUpload(task) && atOrBelow(task->path(), relocation->path())))
                 place(relocation);
+        }
+        // A rename or move into a place goes after the one, recorded before it, that took away
+        // what was there (sent first, it would take that item for its own).
+        if (isRelocation(task)) {
+            for (const TaskPtr &earlier : std::as_const(relocations)) {
+                if (earlier != task && earlier->path() == task->newPath() &&
+                    earlier->objectID() < task->objectID())
+                    place(earlier);
+            }
         }
         ordered.append(task);
     };

@@ -203,6 +203,48 @@ TEST_F(TaskExecutorTest, RenamesReachTheServerAndTheCatalogue)
     EXPECT_TRUE(works().contains(QStringLiteral("work_rename /papers Y")));
 }
 
+TEST_F(TaskExecutorTest, ARenameOrMoveIntoAPlaceJustEmptiedGoesAfterTheOneThatEmptiedIt)
+{
+    for (const char *file : {"x/f.txt", "z/f.txt", "a.txt", "b.txt"})
+        ASSERT_TRUE(TestUtil::writeFile(at(QLatin1String(file)), QByteArray("was ") + file));
+    ASSERT_TRUE(QDir().mkpath(at(QStringLiteral("y"))));
+    for (const char *folder : {"x", "y", "z"})
+        queue(1, QLatin1String(folder), true);
+    for (const char *file : {"x/f.txt", "z/f.txt", "a.txt", "b.txt"})
+        queue(1, QLatin1String(file), false);
+    runTasks();
+    expectSameEverywhere();
+
+    // One file moved away and another moved into its place; two names swapped through a third.
+    const auto move = [&](const char *from, const char *to) {
+        ASSERT_TRUE(QDir().rename(at(QLatin1String(from)), at(QLatin1String(to))));
+    };
+    move("x/f.txt", "y/f.txt");
+    move("z/f.txt", "x/f.txt");
+    move("a.txt", "t.txt");
+    move("b.txt", "a.txt");
+    move("t.txt", "b.txt");
+    queue(4, QStringLiteral("x/f.txt"), false, QStringLiteral("y/f.txt"));
+    queue(4, QStringLiteral("z/f.txt"), false, QStringLiteral("x/f.txt"));
+    queue(3, QStringLiteral("a.txt"), false, QStringLiteral("t.txt"));
+    queue(3, QStringLiteral("b.txt"), false, QStringLiteral("a.txt"));
+    queue(3, QStringLiteral("t.txt"), false, QStringLiteral("b.txt"));
+    // The tasks carry the files' dates: those recorded later may well be the older ones.
+    ASSERT_TRUE(worker->run([&] {
+        for (const TaskPtr &task : worker->context()->fetch<Task>())
+            task->setTime(base.addSecs(-task->objectID()));
+        ASSERT_TRUE(worker->context()->save());
+    }));
+    server().clearRequestLog();
+    runTasks();
+    EXPECT_TRUE(pendingTypes().isEmpty());
+    expectSameEverywhere();
+    EXPECT_EQ(server().fileContents(ServerHarness::user(), QStringLiteral("y/f.txt")), "was x/f.txt");
+    EXPECT_EQ(server().fileContents(ServerHarness::user(), QStringLiteral("x/f.txt")), "was z/f.txt");
+    EXPECT_EQ(server().fileContents(ServerHarness::user(), QStringLiteral("a.txt")), "was b.txt");
+    EXPECT_EQ(server().fileContents(ServerHarness::user(), QStringLiteral("b.txt")), "was a.txt");
+}
+
 TEST_F(TaskExecutorTest, WritesAndNewItemsWaitForTheRenameOrMoveTheyDependOn)
 {
     ASSERT_TRUE(TestUtil::writeFile(at(QStringLiteral("docs/a.txt")), "alpha"));
