@@ -307,6 +307,9 @@ private:
     // A run asked for while one was in progress (queued calls reach the worker inside the nested
     // event loops of its blocking requests): the running one goes round again at its end.
     std::atomic<bool> m_runAgain{false};
+    // The task the executor is carrying out (0: none). An upload under way has read, or is reading,
+    // the file: a change of it reported meanwhile is not covered by that task.
+    std::atomic<qint64> m_taskUnderWay{0};
     std::recursive_mutex m_timeLock; // guards the lazily made time-zone state
     std::mutex m_runnerLock;
     QPointer<QObject> m_runner; // lives on syncThread; receives the queued task runs

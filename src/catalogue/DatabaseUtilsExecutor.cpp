@@ -199,7 +199,10 @@ bool DatabaseUtils::runTasks(const ContextPtr &context)
             if (task->isDeleted() || !task->managedObjectContext())
                 continue; // dropped by an earlier task of this run
             statusBarAnimation();
-            if (runOneTask(task, context, &restart) == kErrorReadXml) {
+            m_taskUnderWay = task->objectID();
+            const int result = runOneTask(task, context, &restart);
+            m_taskUnderWay = 0;
+            if (result == kErrorReadXml) {
                 FV_LOG(QStringLiteral("Error read xml: the task run ends; the task stays"));
                 aborted = true;
             }

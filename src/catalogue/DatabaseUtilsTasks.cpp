@@ -43,7 +43,11 @@ TaskPtr DatabaseUtils::addTaskWithDictionary(const QVariantMap &dictionary, cons
             for (const TaskPtr &candidate :
                  context->fetch<Task>(Predicate::equalTo(QStringLiteral("path"), path))) {
                 const qint64 kind = candidate->taskType().value_or(0);
-                if (!candidate->isDeleted() && kind != 3 && kind != 4) {
+                // Nor does an upload already under way: what it sends may predate this change (a
+                // file written again right after its creation was reported, while its PUT went).
+                const bool underWay =
+                    !folder && (kind == 1 || kind == 5) && candidate->objectID() == m_taskUnderWay;
+                if (!candidate->isDeleted() && kind != 3 && kind != 4 && !underWay) {
                     pending = candidate;
                     break;
                 }

@@ -158,6 +158,25 @@ TEST_F(LocalChangeTest, AnItemRenamedIntoThePlaceOfOneJustDeletedTakesItOnTheSer
     EXPECT_EQ(srv().fileContents(user(), QStringLiteral("F/sub/h.txt")), "was G/sub/h.txt");
 }
 
+TEST_F(LocalChangeTest, AFileWrittenAgainAsItsUploadBeginsEndsRecordedAsSent)
+{
+    // Written again after the upload took the file's MD5 and before it stored the row (its
+    // details are asked of the server in between, slowly here): the watcher's report of that write
+    // finds only the upload's own task, which must not stand for it.
+    start();
+    ASSERT_TRUE(connected());
+    ASSERT_TRUE(waitInStep());
+    srv().clearRequestLog();
+    srv().delayReplies(QStringLiteral("INFO"), 1000);
+    write(QStringLiteral("f.txt"), "first");
+    ASSERT_TRUE(TestUtil::waitFor([&] { return commands().contains(QStringLiteral("INFO")); }, 30000));
+    write(QStringLiteral("f.txt"), "written again, longer");
+
+    ASSERT_TRUE(waitInStep()) << local() << server() << catalogue();
+    expectInStep();
+    EXPECT_EQ(srv().fileContents(user(), QStringLiteral("f.txt")), "written again, longer");
+}
+
 TEST_F(LocalChangeTest, AnUploadThatFailsIsSentAgainAtALaterPassWithoutAnotherChange)
 {
     start();
