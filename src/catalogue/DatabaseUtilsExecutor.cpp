@@ -398,7 +398,14 @@ int DatabaseUtils::uploadFile(const TaskPtr &task, const ContextPtr &context)
         if (!date.isValid())
             return -1;
     }
-    const QString serverTime = localTimeToServerTime(date);
+    QString serverTime = localTimeToServerTime(date);
+    // A file put in place of a copy dated later (an older file renamed over it): sent with its own
+    // date, it would look older than the copies elsewhere, which would keep theirs. It goes as
+    // written now (its date here then follows the server's, as after every upload).
+    if (!isFolder) {
+        if (const FilePtr row = getFileWithPath(path, context); row && serverTime < row->time())
+            serverTime = localTimeToServerTime(QDateTime::currentDateTime());
+    }
     const qint64 size = isFolder ? -1 : QFileInfo(path).size();
 
     QString body = opening(QStringLiteral("PUT"), m_macName);

@@ -75,7 +75,9 @@ TaskPtr DatabaseUtils::addTaskWithDictionary(const QVariantMap &dictionary, cons
                 type = 5;
                 break;
             case OlderThanServer:
-                type = 6;
+                // Dated before the copy recorded: a copy the server has newer, unless the contents
+                // changed (an older file renamed over it or restored with its date), which goes.
+                type = fileDiffersFromRecord(path, row->md5(), row->size()) ? 5 : 6;
                 break;
             case Missing:
                 type = 2;

@@ -189,6 +189,7 @@ enum class Row {
     SameTimeNotUploaded,
     DiskNewer,
     DiskOlder,
+    DiskOlderOtherContents, // an older file put in its place
     FileMissing
 };
 
@@ -220,16 +221,17 @@ TEST_P(TaskAdmissionTest, AdmitsOrFiltersTheChange)
             ASSERT_TRUE(TestUtil::writeFile(path, "data"));
         ASSERT_TRUE(setMTime(path, disk.addMSecs(400))); // sub-second part is ignored
     }
-    const qint64 shift = c.row == Row::DiskNewer   ? -5
-                         : c.row == Row::DiskOlder ? 5
-                                                   : 0; // else the same second
+    const qint64 shift = c.row == Row::DiskNewer                                           ? -5
+                         : c.row == Row::DiskOlder || c.row == Row::DiskOlderOtherContents ? 5
+                                                                                           : 0;
     if (c.row != Row::None) {
         const QString time = db->localTimeToServerTime(disk.addSecs(shift));
         if (c.folder) {
             addDirectory(QStringLiteral("k"), path, time);
         } else {
             // The row describes the file's "data", or other contents of the same size.
-            const QByteArray described = c.row == Row::SameTimeOtherContents ? "dada" : "data";
+            const QByteArray described =
+                c.row == Row::SameTimeOtherContents || c.row == Row::DiskOlderOtherContents ? "dada" : "data";
             const FilePtr row = addFile(
                 QStringLiteral("k"), path, time,
                 QString::fromLatin1(QCryptographicHash::hash(described, QCryptographicHash::Md5).toHex()));
@@ -280,6 +282,8 @@ INSTANTIATE_TEST_SUITE_P(
                                     Row::SameTimeNotUploaded, 1, 0},
                       AdmissionCase{"AddOfNewerFileBecomesUpload", 1, false, Row::DiskNewer, 0, 5},
                       AdmissionCase{"AddOfOlderFileBecomesNoOp", 1, false, Row::DiskOlder, 0, 6},
+                      AdmissionCase{"UpdateToAnOlderFileWithOtherContentsIsSent", 5, false,
+                                    Row::DiskOlderOtherContents, 0, 5},
                       AdmissionCase{"UpdateOfVanishedFileBecomesDelete", 5, false, Row::FileMissing, 0, 2},
                       AdmissionCase{"KnownFolderIsNeverQueuedAgain", 1, true, Row::SameTime, 0, 0},
                       AdmissionCase{"KnownFolderWithNewerDateStillNotQueued", 5, true, Row::DiskNewer, 0, 0},

@@ -158,6 +158,32 @@ TEST_F(LocalChangeTest, AnItemRenamedIntoThePlaceOfOneJustDeletedTakesItOnTheSer
     EXPECT_EQ(srv().fileContents(user(), QStringLiteral("F/sub/h.txt")), "was G/sub/h.txt");
 }
 
+TEST_F(LocalChangeTest, AnOlderFileRenamedOverOneGoesToTheServerDatedAfterIt)
+{
+    // The watcher reports a file deleted and an older one renamed to its name at once as that
+    // file's update, dated before its copy: still the user's change, and dated so that other
+    // computers, whose copies are the later ones, take it.
+    const QString newer = QStringLiteral("20200101000000");
+    ASSERT_FALSE(srv().putFile(user(), QStringLiteral("p.txt"), "the newer one", newer).isEmpty());
+    ASSERT_FALSE(
+        srv()
+            .putFile(user(), QStringLiteral("e.txt"), "the older one", QStringLiteral("20010101000000"))
+            .isEmpty());
+    start();
+    ASSERT_TRUE(connected());
+    ASSERT_TRUE(waitInStep());
+
+    ASSERT_TRUE(QFile::remove(at(QStringLiteral("p.txt"))));
+    rename(QStringLiteral("e.txt"), QStringLiteral("p.txt"));
+
+    ASSERT_TRUE(waitInStep()) << local() << server();
+    expectInStep();
+    EXPECT_EQ(srv().fileContents(user(), QStringLiteral("p.txt")), "the older one");
+    const QList<TreeEntry> tree = srv().tree(user());
+    ASSERT_EQ(tree.size(), 1);
+    EXPECT_GT(tree.first().time, newer);
+}
+
 TEST_F(LocalChangeTest, AFileWrittenAgainAsItsUploadBeginsEndsRecordedAsSent)
 {
     // Written again after the upload took the file's MD5 and before it stored the row (its
