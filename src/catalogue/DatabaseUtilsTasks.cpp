@@ -7,6 +7,7 @@
 #include <QCoreApplication>
 #include <QDebug>
 #include <QThread>
+#include <algorithm>
 
 namespace {
 
@@ -54,6 +55,24 @@ TaskPtr DatabaseUtils::addTaskWithDictionary(const QVariantMap &dictionary, cons
             }
             if (pending && pending->taskType() == type)
                 return nullptr; // already queued
+        }
+        // A known folder that a waiting rename or move takes away: this is a new one made under
+        // its name (taken for the known one, it would never be sent).
+        if (folder && row) {
+            const QList<TaskPtr> leaving =
+                context->fetch<Task>(Predicate::equalTo(QStringLiteral("path"), path));
+            const auto waiting = [&](auto &&which) {
+                return std::any_of(leaving.cbegin(), leaving.cend(), which);
+            };
+            if (waiting([](const TaskPtr &other) {
+                    const qint64 kind = other->taskType().value_or(0);
+                    return !other->isDeleted() && (kind == 3 || kind == 4) && !other->newPath().isEmpty();
+                })) {
+                if (waiting(
+                        [](const TaskPtr &other) { return !other->isDeleted() && other->taskType() == 1; }))
+                    return nullptr; // already queued
+                row = nullptr;
+            }
         }
         if (row || pending) {
             if (folder || pending)

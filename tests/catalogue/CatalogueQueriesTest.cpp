@@ -243,6 +243,8 @@ TEST_P(TaskAdmissionTest, AdmitsOrFiltersTheChange)
         auto pending = context->insertNewObject<Task>();
         pending->setPath(path);
         pending->setTaskType(c.pendingType);
+        if (c.pendingType == 3 || c.pendingType == 4)
+            pending->setNewPath(at(QStringLiteral("elsewhere")));
     }
     ASSERT_TRUE(context->save());
 
@@ -272,31 +274,33 @@ TEST_P(TaskAdmissionTest, AdmitsOrFiltersTheChange)
 
 INSTANTIATE_TEST_SUITE_P(
     Rules, TaskAdmissionTest,
-    ::testing::Values(AdmissionCase{"UpdateWithSameTimeQueuesNothing", 5, false, Row::SameTime, 0, 0},
-                      AdmissionCase{"UpdateInTheSameSecondWithOtherContentsIsSent", 5, false,
-                                    Row::SameTimeOtherContents, 0, 5},
-                      AdmissionCase{"AddInTheSameSecondWithOtherContentsIsSent", 1, false,
-                                    Row::SameTimeOtherContents, 0, 5},
-                      AdmissionCase{"UnfinishedUploadIsSentAgain", 5, false, Row::SameTimeNotUploaded, 0, 5},
-                      AdmissionCase{"UnfinishedUploadWithItsTaskWaitingStands", 5, false,
-                                    Row::SameTimeNotUploaded, 1, 0},
-                      AdmissionCase{"AddOfNewerFileBecomesUpload", 1, false, Row::DiskNewer, 0, 5},
-                      AdmissionCase{"AddOfOlderFileBecomesNoOp", 1, false, Row::DiskOlder, 0, 6},
-                      AdmissionCase{"UpdateToAnOlderFileWithOtherContentsIsSent", 5, false,
-                                    Row::DiskOlderOtherContents, 0, 5},
-                      AdmissionCase{"UpdateOfVanishedFileBecomesDelete", 5, false, Row::FileMissing, 0, 2},
-                      AdmissionCase{"KnownFolderIsNeverQueuedAgain", 1, true, Row::SameTime, 0, 0},
-                      AdmissionCase{"KnownFolderWithNewerDateStillNotQueued", 5, true, Row::DiskNewer, 0, 0},
-                      AdmissionCase{"NewFolderIsQueued", 1, true, Row::None, 0, 1},
-                      AdmissionCase{"NewFileIsQueued", 5, false, Row::None, 0, 5},
-                      AdmissionCase{"SameTypeAlreadyPending", 5, false, Row::None, 5, 0},
-                      AdmissionCase{"EarlierPendingTaskOfOtherTypeStands", 5, false, Row::None, 1, 0},
-                      AdmissionCase{"PendingFolderTaskStands", 1, true, Row::None, 2, 0},
-                      AdmissionCase{"NewFileWhereAPendingMoveLeftIsQueued", 1, false, Row::None, 4, 1},
-                      AdmissionCase{"NewFileWhereAPendingRenameLeftIsQueued", 1, false, Row::None, 3, 1},
-                      AdmissionCase{"RemovalAlwaysQueued", 2, false, Row::SameTime, 2, 2},
-                      AdmissionCase{"MoveAlwaysQueued", 4, false, Row::SameTime, 4, 4},
-                      AdmissionCase{"RenameQueuedDespitePending", 3, true, Row::SameTime, 1, 3}),
+    ::testing::Values(
+        AdmissionCase{"UpdateWithSameTimeQueuesNothing", 5, false, Row::SameTime, 0, 0},
+        AdmissionCase{"UpdateInTheSameSecondWithOtherContentsIsSent", 5, false, Row::SameTimeOtherContents, 0,
+                      5},
+        AdmissionCase{"AddInTheSameSecondWithOtherContentsIsSent", 1, false, Row::SameTimeOtherContents, 0,
+                      5},
+        AdmissionCase{"UnfinishedUploadIsSentAgain", 5, false, Row::SameTimeNotUploaded, 0, 5},
+        AdmissionCase{"UnfinishedUploadWithItsTaskWaitingStands", 5, false, Row::SameTimeNotUploaded, 1, 0},
+        AdmissionCase{"AddOfNewerFileBecomesUpload", 1, false, Row::DiskNewer, 0, 5},
+        AdmissionCase{"AddOfOlderFileBecomesNoOp", 1, false, Row::DiskOlder, 0, 6},
+        AdmissionCase{"UpdateToAnOlderFileWithOtherContentsIsSent", 5, false, Row::DiskOlderOtherContents, 0,
+                      5},
+        AdmissionCase{"UpdateOfVanishedFileBecomesDelete", 5, false, Row::FileMissing, 0, 2},
+        AdmissionCase{"KnownFolderIsNeverQueuedAgain", 1, true, Row::SameTime, 0, 0},
+        AdmissionCase{"KnownFolderWithNewerDateStillNotQueued", 5, true, Row::DiskNewer, 0, 0},
+        AdmissionCase{"NewFolderIsQueued", 1, true, Row::None, 0, 1},
+        AdmissionCase{"NewFileIsQueued", 5, false, Row::None, 0, 5},
+        AdmissionCase{"SameTypeAlreadyPending", 5, false, Row::None, 5, 0},
+        AdmissionCase{"EarlierPendingTaskOfOtherTypeStands", 5, false, Row::None, 1, 0},
+        AdmissionCase{"PendingFolderTaskStands", 1, true, Row::None, 2, 0},
+        AdmissionCase{"NewFileWhereAPendingMoveLeftIsQueued", 1, false, Row::None, 4, 1},
+        AdmissionCase{"NewFileWhereAPendingRenameLeftIsQueued", 1, false, Row::None, 3, 1},
+        AdmissionCase{"NewFolderWhereAKnownOneIsBeingRenamedAwayIsQueued", 1, true, Row::SameTime, 3, 1},
+        AdmissionCase{"NewFolderWhereAKnownOneIsBeingMovedAwayIsQueued", 1, true, Row::SameTime, 4, 1},
+        AdmissionCase{"RemovalAlwaysQueued", 2, false, Row::SameTime, 2, 2},
+        AdmissionCase{"MoveAlwaysQueued", 4, false, Row::SameTime, 4, 4},
+        AdmissionCase{"RenameQueuedDespitePending", 3, true, Row::SameTime, 1, 3}),
     [](const ::testing::TestParamInfo<AdmissionCase> &info) { return std::string(info.param.name); });
 
 // --- Time ---

@@ -158,6 +158,22 @@ TEST_F(LocalChangeTest, AnItemRenamedIntoThePlaceOfOneJustDeletedTakesItOnTheSer
     EXPECT_EQ(srv().fileContents(user(), QStringLiteral("F/sub/h.txt")), "was G/sub/h.txt");
 }
 
+TEST_F(LocalChangeTest, AFolderMadeUnderTheNameOfOneJustRenamedIsSentWithWhatItHolds)
+{
+    ASSERT_FALSE(srv().putFile(user(), QStringLiteral("G/g.txt"), "in the first G").isEmpty());
+    start();
+    ASSERT_TRUE(connected());
+    ASSERT_TRUE(waitInStep());
+
+    rename(QStringLiteral("G"), QStringLiteral("H"));
+    write(QStringLiteral("G/new.txt"), "in the new G");
+
+    ASSERT_TRUE(waitInStep()) << local() << server();
+    expectInStep();
+    EXPECT_EQ(srv().fileContents(user(), QStringLiteral("H/g.txt")), "in the first G");
+    EXPECT_EQ(srv().fileContents(user(), QStringLiteral("G/new.txt")), "in the new G");
+}
+
 TEST_F(LocalChangeTest, AnOlderFileRenamedOverOneGoesToTheServerDatedAfterIt)
 {
     // The watcher reports a file deleted and an older one renamed to its name at once as that
