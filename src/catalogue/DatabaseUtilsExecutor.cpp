@@ -89,20 +89,37 @@ bool isUpload(const TaskPtr &task)
 // - a rename or move before everything below its new path (that place exists on the server only
 //   once it is done) and before the uploads of what it carried away (they follow the item to its
 //   new path once it is done; sent before, they would find nothing at the old one);
-// - but a rename or move that fills a place after the one that emptied it (names swapped, or one
-//   item moved away and another moved in).
+// - but a rename or move that fills a place after what emptied it, recorded before it: a delete, or
+//   a rename or move away (names swapped, or one item moved away and another moved in). Places are
+//   compared as the server names them, where spellings that differ only in Unicode form are one.
 QList<TaskPtr> parentsFirst(const QList<TaskPtr> &tasks)
 {
     QHash<QString, TaskPtr> newFolders;
     QList<TaskPtr> relocations;
+    QList<TaskPtr> vacating; // deletes, renames and moves
     for (const TaskPtr &task : tasks) {
         if (task->taskType() == 1 && task->folder().value_or(false) && !newFolders.contains(task->path()))
             newFolders.insert(task->path(), task);
         if (isRelocation(task))
             relocations.append(task);
+        if (isRelocation(task) || task->taskType() == 2)
+            vacating.append(task);
     }
     if (newFolders.isEmpty() && relocations.isEmpty())
         return tasks;
+    QHash<QString, QString> composedPaths;
+    const auto composedPath = [&](const QString &path) {
+        auto it = composedPaths.constFind(path);
+        if (it == composedPaths.cend())
+            it = composedPaths.insert(path, path.normalized(QString::NormalizationForm_C));
+        return *it;
+    };
+    // Whether `earlier` concerns what was at the place `relocation` fills, before it came.
+    const auto emptiesPlaceOf = [&](const TaskPtr &earlier, const TaskPtr &relocation) {
+        return earlier != relocation && earlier->objectID() < relocation->objectID() &&
+               (isRelocation(earlier) || earlier->taskType() == 2) &&
+               atOrBelow(composedPath(earlier->path()), composedPath(relocation->newPath()));
+    };
     QList<TaskPtr> ordered;
     ordered.reserve(tasks.size());
     QSet<const Task *> placed;
@@ -120,23 +137,17 @@ QList<TaskPtr> parentsFirst(const QList<TaskPtr> &tasks)
                 place(folder);
         }
         for (const TaskPtr &relocation : std::as_const(relocations)) {
-            if (relocation == task)
-                continue;
-            // A rename or move away from a place that another one, recorded later, fills: this one
-            // carries what was there before, and goes first (below).
-            if (isRelocation(task) && task->path() == relocation->newPath() &&
-                task->objectID() < relocation->objectID())
-                continue;
+            if (relocation == task || emptiesPlaceOf(task, relocation))
+                continue; // that one goes after this (below)
             if (atOrBelow(task->path(), relocation->newPath()) ||
                 (isUpload(task) && atOrBelow(task->path(), relocation->path())))
                 place(relocation);
         }
-        // A rename or move into a place goes after the one, recorded before it, that took away
-        // what was there (sent first, it would take that item for its own).
+        // Sent first, a rename or move into a place would meet what is still there on the server
+        // (and a move, sent with FORCE, would replace it, or another computer's copy of it).
         if (isRelocation(task)) {
-            for (const TaskPtr &earlier : std::as_const(relocations)) {
-                if (earlier != task && earlier->path() == task->newPath() &&
-                    earlier->objectID() < task->objectID())
+            for (const TaskPtr &earlier : std::as_const(vacating)) {
+                if (emptiesPlaceOf(earlier, task))
                     place(earlier);
             }
         }

@@ -205,17 +205,22 @@ TEST_F(TaskExecutorTest, RenamesReachTheServerAndTheCatalogue)
 
 TEST_F(TaskExecutorTest, ARenameOrMoveIntoAPlaceJustEmptiedGoesAfterTheOneThatEmptiedIt)
 {
-    for (const char *file : {"x/f.txt", "z/f.txt", "a.txt", "b.txt"})
+    // "café" spelled decomposed here: on the server, where names are composed, it is "café".
+    const QString decomposed = QStringLiteral("cafe\u0301.txt");
+    for (const char *file : {"x/f.txt", "z/f.txt", "a.txt", "b.txt", "d.txt"})
         ASSERT_TRUE(TestUtil::writeFile(at(QLatin1String(file)), QByteArray("was ") + file));
+    ASSERT_TRUE(TestUtil::writeFile(at(decomposed), "was café"));
     ASSERT_TRUE(QDir().mkpath(at(QStringLiteral("y"))));
     for (const char *folder : {"x", "y", "z"})
         queue(1, QLatin1String(folder), true);
-    for (const char *file : {"x/f.txt", "z/f.txt", "a.txt", "b.txt"})
+    for (const char *file : {"x/f.txt", "z/f.txt", "a.txt", "b.txt", "d.txt"})
         queue(1, QLatin1String(file), false);
+    queue(1, decomposed, false);
     runTasks();
     expectSameEverywhere();
 
-    // One file moved away and another moved into its place; two names swapped through a third.
+    // One file moved away and another moved into its place; two names swapped through a third; a
+    // file deleted and another renamed to its name in the other spelling.
     const auto move = [&](const char *from, const char *to) {
         ASSERT_TRUE(QDir().rename(at(QLatin1String(from)), at(QLatin1String(to))));
     };
@@ -224,11 +229,15 @@ TEST_F(TaskExecutorTest, ARenameOrMoveIntoAPlaceJustEmptiedGoesAfterTheOneThatEm
     move("a.txt", "t.txt");
     move("b.txt", "a.txt");
     move("t.txt", "b.txt");
+    ASSERT_TRUE(QFile::remove(at(decomposed)));
+    ASSERT_TRUE(QDir().rename(at(QStringLiteral("d.txt")), at(QStringLiteral("caf\u00e9.txt"))));
     queue(4, QStringLiteral("x/f.txt"), false, QStringLiteral("y/f.txt"));
     queue(4, QStringLiteral("z/f.txt"), false, QStringLiteral("x/f.txt"));
     queue(3, QStringLiteral("a.txt"), false, QStringLiteral("t.txt"));
     queue(3, QStringLiteral("b.txt"), false, QStringLiteral("a.txt"));
     queue(3, QStringLiteral("t.txt"), false, QStringLiteral("b.txt"));
+    queue(2, decomposed, false);
+    queue(3, QStringLiteral("d.txt"), false, QStringLiteral("caf\u00e9.txt"));
     // The tasks carry the files' dates: those recorded later may well be the older ones.
     ASSERT_TRUE(worker->run([&] {
         for (const TaskPtr &task : worker->context()->fetch<Task>())
@@ -243,6 +252,7 @@ TEST_F(TaskExecutorTest, ARenameOrMoveIntoAPlaceJustEmptiedGoesAfterTheOneThatEm
     EXPECT_EQ(server().fileContents(ServerHarness::user(), QStringLiteral("x/f.txt")), "was z/f.txt");
     EXPECT_EQ(server().fileContents(ServerHarness::user(), QStringLiteral("a.txt")), "was b.txt");
     EXPECT_EQ(server().fileContents(ServerHarness::user(), QStringLiteral("b.txt")), "was a.txt");
+    EXPECT_EQ(server().fileContents(ServerHarness::user(), QStringLiteral("caf\u00e9.txt")), "was d.txt");
 }
 
 TEST_F(TaskExecutorTest, WritesAndNewItemsWaitForTheRenameOrMoveTheyDependOn)
