@@ -9,6 +9,7 @@
 #include <QSslConfiguration>
 #include <QSslSocket>
 #include <QUrl>
+#include <cstring>
 
 namespace {
 // The body moves in small pieces: every buffer on the way (ours, the socket's plain and encrypted
@@ -200,14 +201,16 @@ bool UploadConnection::retryFresh()
         return true;
     }
     m_sent = 0;
+    m_headSent = false;
     connectFresh();
     return true;
 }
 
 void UploadConnection::sendHead()
 {
-    m_idle.start();
-    m_socket->write(m_head);
+    // The head and the body's first piece leave in one write, and nothing waits for the answer to
+    // an earlier segment: a small file's upload is then one round trip.
+    m_socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     pump();
 }
 
@@ -217,19 +220,29 @@ void UploadConnection::pump()
     if (m_closed || !m_socket || !m_socket->isEncrypted())
         return;
     if (m_chunk.isEmpty())
-        m_chunk.resize(kChunk);
+        m_chunk.resize(kChunk + m_head.size());
     // Keep the socket fed without letting the file pile up in its buffers: at most one piece waits
     // to be encrypted (the socket encrypts all it holds at once), a few to be sent.
-    while (m_sent < m_total && m_socket->bytesToWrite() < kChunk &&
+    while ((!m_headSent || m_sent < m_total) && m_socket->bytesToWrite() < kChunk &&
            m_socket->encryptedBytesToWrite() < kWriteAhead) {
-        const qint64 got = m_inputStream.read(m_chunk.data(), qMin(kChunk, m_total - m_sent));
-        if (got <= 0) {
-            // The file shrank or became unreadable while being sent.
-            fail(QStringLiteral("cannot read %1 at byte %2").arg(m_inputStream.fileName()).arg(m_sent));
-            return;
+        qint64 used = 0;
+        if (!m_headSent) {
+            std::memcpy(m_chunk.data(), m_head.constData(), size_t(m_head.size()));
+            used = m_head.size();
         }
-        m_socket->write(m_chunk.constData(), got);
-        m_sent += got;
+        const qint64 want = qMin(kChunk, m_total - m_sent);
+        if (want > 0) {
+            const qint64 got = m_inputStream.read(m_chunk.data() + used, want);
+            if (got <= 0) {
+                // The file shrank or became unreadable while being sent.
+                fail(QStringLiteral("cannot read %1 at byte %2").arg(m_inputStream.fileName()).arg(m_sent));
+                return;
+            }
+            used += got;
+            m_sent += got;
+        }
+        m_headSent = true;
+        m_socket->write(m_chunk.constData(), used);
     }
 }
 

@@ -47,8 +47,8 @@ private:
     QFile m_inputStream;
     QSslSocket *m_socket = nullptr; // child
     QTimer m_idle;
-    QByteArray m_head;   // request head, sent once encrypted
-    QByteArray m_chunk;  // reused read buffer
+    QByteArray m_head;   // request head, sent with the body's first piece
+    QByteArray m_chunk;  // reused write buffer: room for the head and one piece
     QByteArray m_answer; // answer head being gathered
     QString m_host;
     quint16 m_port = 443;
@@ -56,6 +56,7 @@ private:
     qint64 m_total = 0;
     qint64 m_sent = 0;
     qint64 m_bodyLeft = -1; // bytes of the answer's body still due; -1 unknown
+    bool m_headSent = false;
     bool m_responded = false;
     bool m_closed = false;
     bool m_reused = false;   // on a connection kept from an earlier upload
