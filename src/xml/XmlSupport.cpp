@@ -90,6 +90,9 @@ xmlDocPtr parseXMLBytes(const QByteArray &data, FvError *error)
         *error = makeError({}, {}, message);
     }
     xmlFreeParserCtxt(ctxt);
+    // libxml2 also keeps a copy of the last error in per-thread state, holding its strings until
+    // the thread's next error. Ours came from the context; drop that copy.
+    xmlResetLastError();
     return doc;
 }
 
