@@ -12,10 +12,6 @@
 #include <cstring>
 #include <memory>
 
-#ifdef __GLIBC__
-#include <malloc.h>
-#endif
-
 namespace {
 
 // Whether the widgets can be shown: a platform was named, or there is a display to show them on.
@@ -100,12 +96,6 @@ QString readPasswordLine()
 
 int main(int argc, char *argv[])
 {
-#ifdef __GLIBC__
-    // One heap arena per thread (the listener queue, the worker, the network threads) kept freed
-    // memory scattered in each for the life of the process; the threads take turns, so two arenas
-    // cost no waiting and hold less.
-    mallopt(M_ARENA_MAX, 2);
-#endif
     const std::unique_ptr<QCoreApplication> app = createApplication(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("ferrovane"));
     QCoreApplication::setApplicationVersion(QStringLiteral(FERROVANE_VERSION));
