@@ -24,7 +24,7 @@ std::optional<QByteArray> frame(const QByteArray &body, QString *error)
     return framed;
 }
 
-int headerValue(const QByteArray &header)
+int headerValue(QByteArrayView header)
 {
     // Parsed like a C integer conversion: leading blanks, an optional sign, then digits up to the
     // first other character. No digits means 0.
@@ -49,17 +49,22 @@ QList<QByteArray> readMessages(QIODevice &device)
 {
     QList<QByteArray> bodies;
     while (device.bytesAvailable() > 0) {
-        const QByteArray header = device.read(kHeaderLength);
+        char header[kHeaderLength];
+        const qint64 headerBytes = device.read(header, kHeaderLength);
         // Bytes announced but none delivered means the device is failing; looping would spin.
-        if (header.isEmpty())
+        if (headerBytes <= 0)
             break;
-        const int length = headerValue(header);
+        const int length = headerValue(QByteArrayView(header, headerBytes));
+        // The chunks are read straight into the body rather than each into an array of its own.
         QByteArray body;
         while (body.size() < length) {
-            const QByteArray chunk = device.read(qMin<qint64>(kChunkSize, length - body.size()));
-            if (chunk.isEmpty())
+            const qsizetype have = body.size();
+            const qsizetype want = qMin<qsizetype>(kChunkSize, length - have);
+            body.resize(have + want);
+            const qint64 got = device.read(body.data() + have, want);
+            body.resize(have + qMax<qint64>(got, 0));
+            if (got <= 0)
                 break;
-            body.append(chunk);
         }
         if (!body.isEmpty())
             bodies.append(body);
@@ -73,7 +78,7 @@ QList<QByteArray> FrameBuffer::append(const QByteArray &bytes)
     QList<QByteArray> bodies;
     qsizetype pos = 0;
     while (m_buffer.size() - pos >= kHeaderLength) {
-        const int length = headerValue(m_buffer.mid(pos, kHeaderLength));
+        const int length = headerValue(QByteArrayView(m_buffer).sliced(pos, kHeaderLength));
         if (length <= 0) {
             pos += kHeaderLength;
             continue;
@@ -97,7 +102,7 @@ QList<QByteArray> FrameBuffer::finish()
     QList<QByteArray> bodies;
     // What is left is a cut header (its body would be empty) or a header and a cut body, which
     // is handed on as it stands like the stream handler does.
-    if (m_buffer.size() > kHeaderLength && headerValue(m_buffer.left(kHeaderLength)) > 0)
+    if (m_buffer.size() > kHeaderLength && headerValue(QByteArrayView(m_buffer).first(kHeaderLength)) > 0)
         bodies.append(m_buffer.mid(kHeaderLength));
     m_buffer.clear();
     return bodies;

@@ -22,6 +22,7 @@
 // Stateless functions are thread-safe; a FrameBuffer belongs to one thread.
 
 #include <QByteArray>
+#include <QByteArrayView>
 #include <QList>
 #include <optional>
 
@@ -39,7 +40,7 @@ inline constexpr int kMaxBodyLength = 99999;
 std::optional<QByteArray> frame(const QByteArray &body, QString *error = nullptr);
 
 // The body length a header announces (<= 0 means an empty body).
-int headerValue(const QByteArray &header);
+int headerValue(QByteArrayView header);
 
 // Reads every message the device has available now and returns the non-empty bodies.
 QList<QByteArray> readMessages(QIODevice &device);

@@ -7,6 +7,9 @@
 // Same request as the network manager would send: POST to the caller's URL, Content-Type
 // "application/stream", "velmora_filetime", Content-Length of the file, HTTP/1.1, certificates
 // verified against the default trust (FERROVANE_CA_FILE included), 60-second inactivity time-out.
+// A connection whose answer was read whole is kept for the next upload to the same server (one,
+// for 30 s); a request that meets such a connection closed before any answer goes again on a new
+// one.
 
 #include <QByteArray>
 #include <QFile>
@@ -30,6 +33,10 @@ public:
     void close();
 
 private:
+    void connectFresh();
+    void attach(QSslSocket *socket);
+    bool retryFresh();
+    void takeBody(qint64 bytes);
     void sendHead();
     void pump();
     void readAnswer();
@@ -40,11 +47,19 @@ private:
     QFile m_inputStream;
     QSslSocket *m_socket = nullptr; // child
     QTimer m_idle;
-    QByteArray m_head;   // request head, sent once encrypted
-    QByteArray m_chunk;  // reused read buffer
+    QByteArray m_head;   // request head, sent with the body's first piece
+    QByteArray m_chunk;  // reused write buffer: room for the head and one piece
     QByteArray m_answer; // answer head being gathered
+    QString m_host;
+    quint16 m_port = 443;
+    QByteArray m_peer; // host:port, the key of a kept connection
     qint64 m_total = 0;
     qint64 m_sent = 0;
+    qint64 m_bodyLeft = -1; // bytes of the answer's body still due; -1 unknown
+    bool m_headSent = false;
     bool m_responded = false;
     bool m_closed = false;
+    bool m_reused = false;   // on a connection kept from an earlier upload
+    bool m_keepable = false; // the server keeps the connection and sized its answer
+    bool m_complete = false; // the whole answer was read
 };

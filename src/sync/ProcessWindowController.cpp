@@ -19,6 +19,10 @@
 #include <QTcpSocket>
 #include <QTimer>
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
 namespace {
 
 std::atomic<int> g_unreadableReplies{0};
@@ -251,6 +255,17 @@ ProcessWindowController::~ProcessWindowController()
 
 // --- State ---
 
+namespace {
+// A pass over many entries leaves much of the heap free but kept by the allocator (in every
+// thread's arena); handed back once idle, the client waits between passes at its working size.
+void giveBackFreedMemory()
+{
+#ifdef __GLIBC__
+    malloc_trim(0);
+#endif
+}
+} // namespace
+
 void ProcessWindowController::setState(State state)
 {
     auto apply = [this, state] {
@@ -260,6 +275,8 @@ void ProcessWindowController::setState(State state)
             return;
         m_state = state;
         emit stateChanged(state);
+        if (state == State::Idle)
+            giveBackFreedMemory();
     };
     if (QThread::currentThread() == thread())
         apply();

@@ -17,10 +17,10 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QStorageInfo>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <sys/statvfs.h>
 
 using namespace EngineDetail;
 
@@ -475,10 +475,14 @@ ProcessWindowController::Fetch ProcessWindowController::downloadInto(const QStri
         return Fetch::Refused;
     }
     // What cannot fit is not fetched at all: a full disk is said once, and tried again later.
-    const auto available = [&folder] {
-        QStorageInfo disk(folder);
-        disk.refresh();
-        return disk.isValid() ? disk.bytesAvailable() : -1;
+    // statvfs, not QStorageInfo: that one reads the whole mount table each time, for every file.
+    const auto available = [&folder]() -> qint64 {
+        struct statvfs disk
+        {
+        };
+        if (::statvfs(QFile::encodeName(folder).constData(), &disk) != 0)
+            return -1;
+        return qint64(disk.f_bavail) * qint64(disk.f_frsize);
     };
     if (const qint64 free = available(); size > 0 && free >= 0 && free < size) {
         reportNoSpace(local, size, free);

@@ -76,8 +76,14 @@ xmlDocPtr parseXMLBytes(const QByteArray &data, FvError *error)
     }
     if (ctxt->sax)
         ctxt->sax->serror = quietStructuredError;
+    // Errors raised without the context (a failed encoding conversion) go to the thread's handler,
+    // which prints them on stderr; quiet for the parse, the thread's own handler restored after.
+    const xmlStructuredErrorFunc threadHandler = xmlStructuredError;
+    void *const threadHandlerData = xmlStructuredErrorContext;
+    xmlSetStructuredErrorFunc(nullptr, quietStructuredError);
     xmlDocPtr doc = xmlCtxtReadMemory(ctxt, data.constData(), static_cast<int>(data.size()), nullptr, nullptr,
                                       kGDataXMLParseOptions);
+    xmlSetStructuredErrorFunc(threadHandlerData, threadHandler);
     // Recoverable errors still produce a document; only well-formed input is accepted.
     if (doc && !ctxt->wellFormed) {
         xmlFreeDoc(doc);
@@ -90,6 +96,9 @@ xmlDocPtr parseXMLBytes(const QByteArray &data, FvError *error)
         *error = makeError({}, {}, message);
     }
     xmlFreeParserCtxt(ctxt);
+    // libxml2 also keeps a copy of the last error in per-thread state, holding its strings until
+    // the thread's next error. Ours came from the context; drop that copy.
+    xmlResetLastError();
     return doc;
 }
 

@@ -80,12 +80,15 @@ private:
         TestRequest request;
         qint64 expected = -1; // body bytes still to come; -1 while reading the head
         bool answered = false;
+        int id = 0;
+        int served = 0;
     };
 
     void accept()
     {
         while (QTcpSocket *socket = m_server->nextPendingConnection()) {
             auto state = std::make_shared<Connection>();
+            state->id = ++m_connections;
             connect(socket, &QTcpSocket::readyRead, this, [this, socket, state] { read(socket, *state); });
             connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
             read(socket, *state);
@@ -121,13 +124,28 @@ private:
         if (c.buffer.size() < c.expected)
             return;
         c.request.body = c.buffer.left(c.expected);
+        c.request.connection = c.id;
+        c.request.onConnection = c.served++;
         c.answered = true;
         m_owner->record(c.request);
-        respond(socket, m_owner->answer(c.request));
+        const TestResponse response = m_owner->answer(c.request);
+        respond(socket, response);
+        if (response.action == TestResponse::KeepOpen) {
+            c.buffer.remove(0, c.expected);
+            c.request = {};
+            c.expected = -1;
+            c.answered = false;
+            if (!c.buffer.isEmpty())
+                read(socket, c);
+        }
     }
 
     void respond(QTcpSocket *socket, const TestResponse &r)
     {
+        if (r.action == TestResponse::CloseUnanswered) {
+            socket->abort();
+            return;
+        }
         QByteArray head = "HTTP/1.1 " + QByteArray::number(r.status) + ' ' + reasonFor(r.status) + "\r\n";
         for (const auto &[name, value] : r.headers)
             head += name + ": " + value + "\r\n";
@@ -135,9 +153,13 @@ private:
         if (r.action == TestResponse::CutBody || r.action == TestResponse::HeadersThenHang)
             announced += 1000;
         head += "Content-Length: " + QByteArray::number(announced) + "\r\n";
-        head += "Connection: close\r\n\r\n";
+        if (r.action != TestResponse::KeepOpen)
+            head += "Connection: close\r\n";
+        head += "\r\n";
         socket->write(head);
         socket->write(r.body);
+        if (r.action == TestResponse::KeepOpen)
+            return;
         if (r.action == TestResponse::HeadersThenHang)
             return;
         if (r.action == TestResponse::CutBody) {
@@ -151,6 +173,7 @@ private:
 
     TestHttpsServer *m_owner;
     QSslServer *m_server = nullptr;
+    int m_connections = 0;
 };
 
 TestHttpsServer::TestHttpsServer(Handler handler, bool trusted)

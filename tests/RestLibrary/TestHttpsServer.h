@@ -2,7 +2,8 @@
 // A small HTTPS server for what the local server cannot do: present a certificate the client does
 // not trust, answer with heads the local server never writes (a verdict under an error status, a
 // head followed by a body that never comes or is cut), and record the requests' headers as sent.
-// Runs on its own thread; answers each request through a handler; one request per connection.
+// Runs on its own thread; answers each request through a handler; one request per connection
+// unless the answer keeps it open.
 
 #include "common/TestServer.h"
 
@@ -22,6 +23,8 @@ struct TestRequest
     QByteArray target;                    // path and query as sent
     QMap<QByteArray, QByteArray> headers; // names in lower case
     QByteArray body;
+    int connection = 0;   // the connection it came on, counted from 1
+    int onConnection = 0; // its place among that connection's requests, from 0
 };
 
 struct TestResponse
@@ -30,6 +33,8 @@ struct TestResponse
         Reply,           // status, headers, whole body, close
         CutBody,         // announce body.size() + 1000 bytes, send body, close
         HeadersThenHang, // send head and body, announce 1000 more bytes, never close
+        KeepOpen,        // status, headers, whole body, and wait for the next request
+        CloseUnanswered, // close without a byte of answer
     };
     Action action = Reply;
     int status = 200;

@@ -49,3 +49,51 @@ TEST(UploadVerdict, TheHeaderDecidesAsSoonAsTheHeadArrives)
     EXPECT_EQ(result, QStringLiteral("fail"));
     EXPECT_TRUE(untrusted.requests().isEmpty());
 }
+
+TEST(UploadVerdict, AnsweredConnectionsCarryTheNextUploadAndOneClosedUnansweredIsSentAgainOnce)
+{
+    TestHttpsServer server([](const TestRequest &request) {
+        TestResponse r;
+        r.headers = {{"Velmora-result", "0"}};
+        r.action = TestResponse::KeepOpen;
+        if (request.target.startsWith("/closing") && request.onConnection > 0)
+            r.action = TestResponse::CloseUnanswered; // the server closed the kept connection
+        else if (request.target.startsWith("/never"))
+            r.action = TestResponse::CloseUnanswered;
+        else if (request.target.startsWith("/last"))
+            r.action = TestResponse::Reply; // says "Connection: close"
+        return r;
+    });
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("a.txt"));
+    ASSERT_TRUE(TestUtil::writeFile(path, "hello"));
+    const auto upload = [&](const char *target) {
+        QString result;
+        EXPECT_TRUE(runOffMainThread([&] {
+            result = UploadFile::uploadFileWithKey(
+                {}, path,
+                QStringLiteral("https://%1/%2?do=upload").arg(server.domain(), QLatin1String(target)), 0,
+                QStringLiteral("20240131235959"));
+        }));
+        return result;
+    };
+    for (const char *target : {"a", "b", "c", "closing", "last", "after"})
+        EXPECT_EQ(upload(target), QStringLiteral("done")) << target;
+    // The first connection's answers were whole, so it carried three uploads, then was found closed.
+    QList<TestRequest> sent = server.requests();
+    ASSERT_EQ(sent.size(), 7);
+    QList<std::pair<int, int>> places;
+    for (const TestRequest &request : sent)
+        places.append({request.connection, request.onConnection});
+    const QList<std::pair<int, int>> expected = {{1, 0}, {1, 1}, {1, 2}, {1, 3}, {2, 0}, {2, 1}, {3, 0}};
+    EXPECT_EQ(places, expected);
+    EXPECT_EQ(sent[4].target, QByteArray("/closing?do=upload"));
+    EXPECT_EQ(sent[4].body, QByteArray("hello")); // the file again from its start
+
+    // Sent again once only: a new connection closed unanswered is a failure.
+    EXPECT_EQ(upload("never"), QStringLiteral("fail"));
+    sent = server.requests();
+    ASSERT_EQ(sent.size(), 9);
+    EXPECT_EQ(sent[7].connection, 3);
+    EXPECT_EQ(sent[8].connection, 4);
+}

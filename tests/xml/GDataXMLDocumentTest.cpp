@@ -4,6 +4,7 @@
 #include "xml/GDataXMLNode.h"
 
 #include <gtest/gtest.h>
+#include <libxml/xmlerror.h>
 
 using namespace Qt::StringLiterals;
 
@@ -43,6 +44,37 @@ TEST(GDataXMLDocument, ReadsRepliesAndRejectsMalformedText)
         EXPECT_EQ(error.domain, GDataXMLErrorDomain());
     }
     EXPECT_EQ(GDataXMLElement::initWithXMLString(u"<open>"_s, nullptr), nullptr);
+}
+
+namespace {
+int g_threadHandlerCalls = 0;
+void countingHandler(void *, xmlErrorPtr)
+{
+    ++g_threadHandlerCalls;
+}
+} // namespace
+
+// A reply whose bytes do not convert from its declared encoding: libxml2 reports that outside the
+// parser context, on the thread's handlers (by default printed on stderr). The parse still fails
+// with the layer's error, prints nothing, leaves the thread's own handler in place and uncalled,
+// and keeps no copy of the error in the thread's state.
+TEST(GDataXMLDocument, UnconvertibleEncodingFailsQuietlyAndLeavesTheThreadsHandlerAlone)
+{
+    xmlSetStructuredErrorFunc(nullptr, countingHandler);
+    g_threadHandlerCalls = 0;
+    ::testing::internal::CaptureStderr();
+    FvError error;
+    const auto doc = GDataXMLDocument::initWithData(
+        "<?xml version=\"1.0\" encoding=\"EUC-JP\"?><XML>\x8e\xff</XML>", 0, &error);
+    const std::string printed = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(doc, nullptr);
+    EXPECT_EQ(error.code, -1);
+    EXPECT_EQ(error.domain, GDataXMLErrorDomain());
+    EXPECT_EQ(printed, "");
+    EXPECT_EQ(xmlStructuredError, &countingHandler);
+    EXPECT_EQ(g_threadHandlerCalls, 0);
+    EXPECT_EQ(xmlGetLastError(), nullptr);
+    xmlSetStructuredErrorFunc(nullptr, nullptr);
 }
 
 TEST(GDataXMLDocument, StringCacheSharesEqualStringsWithinOneDocument)
