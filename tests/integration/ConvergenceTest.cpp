@@ -315,15 +315,10 @@ private:
     QSet<QString> m_written; // composed paths written in this period
 };
 
-class ConvergenceTest : public ::testing::Test
+class ConvergenceTest : public AccountTest
 {
 protected:
-    void SetUp() override
-    {
-        QString error;
-        ASSERT_TRUE(server.start(&error)) << qPrintable(error);
-        ASSERT_TRUE(server.addUser(kUser, kPassword));
-    }
+    ConvergenceTest() : AccountTest(kUser, kPassword) {}
 
     // Server tree == each sync folder == each catalogue; the first difference found, or empty.
     QString disagreement(const QList<Computer *> &computers)
@@ -370,7 +365,6 @@ protected:
                 QString::fromUtf8(::testing::UnitTest::GetInstance()->current_test_info()->name()));
     }
 
-    ServerProcess server;
     quint64 m_seed = seedOfRun();
 };
 

@@ -14,7 +14,9 @@
 #include <QStringList>
 #include <QTemporaryDir>
 #include <functional>
+#include <gtest/gtest.h>
 #include <memory>
+#include <utility>
 
 namespace EndToEnd {
 
@@ -164,5 +166,25 @@ QString outOfStep(ServerProcess &server, const QString &user, const QList<Comput
 
 // The program paths in the build (beside the test executable).
 QString programPath(const QString &name);
+
+// A test with the server running and one account on it.
+class AccountTest : public ::testing::Test
+{
+protected:
+    AccountTest(QString user, QString password) : m_user(std::move(user)), m_password(std::move(password)) {}
+
+    void SetUp() override
+    {
+        QString error;
+        ASSERT_TRUE(server.start(&error)) << qPrintable(error);
+        ASSERT_TRUE(server.addUser(m_user, m_password));
+    }
+
+    ServerProcess server;
+
+private:
+    QString m_user;
+    QString m_password;
+};
 
 } // namespace EndToEnd

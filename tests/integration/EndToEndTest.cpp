@@ -31,15 +31,10 @@ const QString kSpecialFile = QStringLiteral("a&b <c> \"d\" 'e'.txt");
 const QString kDecomposed = QStringLiteral("Cafe\u0301 menu.txt");
 const QString kDecomposedFolder = QStringLiteral("Mu\u0308ller");
 
-class EndToEndTest : public ::testing::Test
+class EndToEndTest : public AccountTest
 {
 protected:
-    void SetUp() override
-    {
-        QString error;
-        ASSERT_TRUE(server.start(&error)) << qPrintable(error);
-        ASSERT_TRUE(server.addUser(kUser, kPassword));
-    }
+    EndToEndTest() : AccountTest(kUser, kPassword) {}
 
     std::unique_ptr<Computer> computer(const QString &name)
     {
@@ -114,8 +109,6 @@ protected:
         const int target = done() + count;
         return waitFor([&] { return done() >= target; }, kConverge);
     }
-
-    ServerProcess server;
 };
 
 QStringList changeCommands(const QStringList &log)

@@ -46,15 +46,10 @@ int linesWith(Computer &c, const QString &kind, const QString &text)
     return n;
 }
 
-class FaultsTest : public ::testing::Test
+class FaultsTest : public AccountTest
 {
 protected:
-    void SetUp() override
-    {
-        QString error;
-        ASSERT_TRUE(server.start(&error)) << qPrintable(error);
-        ASSERT_TRUE(server.addUser(kUser, kPassword));
-    }
+    FaultsTest() : AccountTest(kUser, kPassword) {}
 
     // Puts `content` on the server as another computer would, and into the expected tree.
     void serverFile(Tree &expected, const QString &path, const QByteArray &content)
@@ -121,8 +116,6 @@ protected:
         const int target = done() + count;
         return waitFor([&] { return done() >= target; }, kConverge);
     }
-
-    ServerProcess server;
 };
 
 // --- Replies lost after the server carried the command out ---
