@@ -272,8 +272,9 @@ void VDKQueue::watcherThread()
                 inotify_event event;
                 std::memcpy(&event, buffer + offset, sizeof event);
                 offset += int(sizeof(inotify_event) + event.len);
+                const int wd = event.wd; // the event's name member cannot be captured
                 auto it = std::find_if(rounds.begin(), rounds.end(),
-                                       [&](const auto &round) { return round.first == event.wd; });
+                                       [wd](const auto &round) { return round.first == wd; });
                 if (it == rounds.end())
                     rounds.append({event.wd, event.mask});
                 else
