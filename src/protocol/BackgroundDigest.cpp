@@ -2,17 +2,16 @@
 
 #include "protocol/Md5Digest.h"
 
-BackgroundDigest::BackgroundDigest(qsizetype bufferSize) : m_digest(std::make_unique<Md5Digest>())
+BackgroundDigest::BackgroundDigest(qsizetype bufferSize, qsizetype inlineBytes)
+    : m_bufferSize(bufferSize), m_inlineLeft(inlineBytes), m_digest(std::make_unique<Md5Digest>())
 {
-    for (int i = 0; i < kBuffers; ++i) {
-        m_buffers.emplace_back(bufferSize, Qt::Uninitialized);
-        m_free.push_back(i);
-    }
-    m_thread = std::thread([this] { run(); });
+    m_buffers.reserve(kBuffers);
 }
 
 BackgroundDigest::~BackgroundDigest()
 {
+    if (!m_thread.joinable())
+        return;
     {
         std::lock_guard lock(m_mutex);
         m_stop = true;
@@ -25,6 +24,10 @@ QByteArray &BackgroundDigest::nextBuffer()
 {
     std::unique_lock lock(m_mutex);
     if (m_current < 0) {
+        if (m_free.empty() && m_buffers.size() < (m_thread.joinable() ? std::size_t(kBuffers) : 1)) {
+            m_buffers.emplace_back(m_bufferSize, Qt::Uninitialized);
+            m_free.push_back(int(m_buffers.size()) - 1);
+        }
         m_changed.wait(lock, [this] { return !m_free.empty(); });
         m_current = m_free.back();
         m_free.pop_back();
@@ -38,6 +41,17 @@ void BackgroundDigest::submit(qsizetype size)
         std::lock_guard lock(m_mutex);
         if (m_current < 0)
             return;
+        if (!m_thread.joinable()) {
+            if (size <= m_inlineLeft) {
+                // Nothing else hashes yet: this thread adds it, and the buffer is free again.
+                m_inlineLeft -= size;
+                m_digest->addData(QByteArrayView(m_buffers[std::size_t(m_current)].constData(), size));
+                m_free.push_back(m_current);
+                m_current = -1;
+                return;
+            }
+            m_thread = std::thread([this] { run(); });
+        }
         m_queue.emplace_back(m_current, size);
         m_current = -1;
     }

@@ -7,6 +7,10 @@
 // producer fills the buffer nextBuffer() gives and hands it over with submit(); nextBuffer() waits
 // while every buffer is still being hashed. Pieces are hashed in the order they were submitted.
 //
+// Most files are small: the first `inlineBytes` are hashed on the producer's thread, in the one
+// buffer they need, and the hashing thread (and further buffers) only start with the piece that
+// goes beyond. A thread and a megabyte of buffers per small file cost more than its digest.
+//
 // Threading: one producer thread calls every method; the hashing thread is owned and ends with
 // the object.
 
@@ -24,7 +28,8 @@ class Md5Digest;
 class BackgroundDigest
 {
 public:
-    explicit BackgroundDigest(qsizetype bufferSize);
+    static constexpr qsizetype kInlineBytes = 1024 * 1024;
+    explicit BackgroundDigest(qsizetype bufferSize, qsizetype inlineBytes = kInlineBytes);
     ~BackgroundDigest();
     BackgroundDigest(const BackgroundDigest &) = delete;
     BackgroundDigest &operator=(const BackgroundDigest &) = delete;
@@ -43,7 +48,9 @@ private:
     void run();
     void waitIdle(std::unique_lock<std::mutex> &lock);
 
-    std::vector<QByteArray> m_buffers;
+    const qsizetype m_bufferSize;
+    qsizetype m_inlineLeft; // bytes still hashed here before the thread takes over
+    std::vector<QByteArray> m_buffers; // made as needed, up to kBuffers (reserved: never moved)
     std::unique_ptr<Md5Digest> m_digest; // used by the hashing thread, and here while it is idle
     std::mutex m_mutex;
     std::condition_variable m_changed;

@@ -32,11 +32,12 @@ TEST(FileDigest, MatchesAcrossChunkBoundariesAndHandlesEmptyAndMissingFiles)
 }
 
 // Many more pieces than buffers, of every size up to a whole buffer: the digest is the stream's, in
-// order, whatever the hashing thread was doing; a reset starts over once the earlier pieces are in.
+// order, whatever the hashing thread was doing, across the hand-over from hashing in place (the
+// first 20 KiB) to the thread; a reset starts over once the earlier pieces are in.
 TEST(BackgroundDigest, HashesPiecesInOrderThroughItsFewBuffersAndStartsOverOnReset)
 {
     constexpr qsizetype kBuffer = 4096;
-    BackgroundDigest digest(kBuffer);
+    BackgroundDigest digest(kBuffer, 20 * 1024);
     EXPECT_EQ(digest.hexResult(), QStringLiteral("d41d8cd98f00b204e9800998ecf8427e"));
 
     auto *random = QRandomGenerator::global();
