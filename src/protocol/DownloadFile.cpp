@@ -175,15 +175,18 @@ bool DownloadFile::downloadFileFromURL(const QString &url, const QString &savePa
             NetworkAccess::runOnMainThread([this] { createConnection(); });
             m_state->waitForOutcome();
         }
+        // Closed, read and let go in one visit to the main thread: each visit is a round trip of
+        // two thread switches, and small files are mostly that.
         QString digest;
         if (m_connection) {
             DownloadConnection *connection = m_connection;
+            m_connection = nullptr;
             NetworkAccess::runOnMainThread([&] {
                 connection->close();
                 digest = connection->md5();
+                connection->deleteLater();
             });
         }
-        closeConnection();
         if (isFail() || !isDone()) {
             m_md5Str.clear();
         } else {
