@@ -1,5 +1,6 @@
 #include "RestLibrary/BlockingTransport.h"
 
+#include "RestLibrary/DirectHttp.h"
 #include "RestLibrary/NetworkAccess.h"
 
 #include <QCoreApplication>
@@ -76,6 +77,12 @@ namespace BlockingTransport {
 
 QByteArray send(const RestRequest &request, FvError *error)
 {
+    if (DirectHttp::usable()) {
+        DirectHttp::BodyReceiver receiver;
+        const DirectHttp::Answer answer = DirectHttp::exchange(request, receiver);
+        *error = answer.error;
+        return answer.error.isNull() ? receiver.body : QByteArray();
+    }
     TransportThread *network = transport();
     if (!network || QThread::currentThread() == network->thread()) {
         *error = FvError(QStringLiteral("RestClient"), 0,

@@ -1,5 +1,6 @@
 #include "protocol/DownloadFile.h"
 
+#include "RestLibrary/DirectHttp.h"
 #include "RestLibrary/NetworkAccess.h"
 #include "protocol/BackgroundDigest.h"
 #include "protocol/TransferState.h"
@@ -18,6 +19,86 @@ namespace {
 // Buffers of a megabyte on the way (the manager's, ours) are given back to the system when freed and
 // faulted in again for the next piece, which costs more CPU than the decryption itself.
 constexpr qint64 kReadBufferSize = 256 * 1024;
+
+// Creates the output when missing, never truncates it: a longer old file keeps its tail.
+bool openOutputFile(QFile &file, const QString &path)
+{
+    file.setFileName(path);
+    if (!file.open(QIODevice::ReadWrite | QIODevice::Unbuffered) || !file.seek(0)) {
+        FV_LOG(QStringLiteral("Fail: cannot write %1: %2").arg(path, file.errorString()));
+        return false;
+    }
+    return true;
+}
+
+QString headerLine(const QList<QPair<QByteArray, QByteArray>> &headers)
+{
+    QStringList fields;
+    for (const auto &[name, value] : headers)
+        fields << QString::fromUtf8(name + ": " + value);
+    return fields.join(QLatin1String(", "));
+}
+
+// A download made on the calling thread: the body is written and hashed as it comes.
+class DirectDownload final : public DirectHttp::BodyReceiver
+{
+public:
+    explicit DirectDownload(QString savePath) : m_savePath(std::move(savePath)), m_digest(kReadBufferSize) {}
+
+    char *buffer(qint64 *capacity) override
+    {
+        QByteArray &piece = m_digest.nextBuffer();
+        *capacity = piece.size();
+        return piece.data();
+    }
+
+    bool take(qint64 size) override
+    {
+        if (!ensureOpen())
+            return false;
+        if (m_file.write(m_digest.nextBuffer().constData(), size) != size) {
+            FV_LOG(QStringLiteral("Fail: write to %1: %2").arg(m_savePath, m_file.errorString()));
+            m_failed = true;
+            return false;
+        }
+        m_digest.submit(size);
+        return true;
+    }
+
+    bool ensureOpen()
+    {
+        if (!m_file.isOpen() && !m_failed)
+            m_failed = !openOutputFile(m_file, m_savePath);
+        return !m_failed;
+    }
+
+    // Whether the whole answer is in the file; the file is closed either way.
+    bool finish(const DirectHttp::Answer &answer)
+    {
+        if (answer.status > 0)
+            FV_LOG(headerLine(answer.headers));
+        bool ok = !m_failed;
+        if (ok && answer.transportFailure) {
+            FV_LOG(QStringLiteral("Fail: %1").arg(answer.error.toString()));
+            ok = false;
+        }
+        // An answer without a body is an empty file, which must exist all the same.
+        if (ok && !ensureOpen())
+            ok = false;
+        if (ok)
+            FV_LOG(QStringLiteral("Finish!"));
+        m_file.close();
+        return ok;
+    }
+
+    QString md5() { return m_digest.hexResult(); }
+
+private:
+    QString m_savePath;
+    QFile m_file;
+    BackgroundDigest m_digest;
+    bool m_failed = false;
+};
 } // namespace
 
 // The live part of a download on the main thread: the connection, the output file and the digest.
@@ -62,20 +143,13 @@ private:
         m_responded = true;
         // Again now: the network thread drops a limit that reaches it before its reply exists.
         m_connection->setReadBufferSize(kReadBufferSize);
-        QStringList fields;
-        for (const auto &[name, value] : m_connection->rawHeaderPairs())
-            fields << QString::fromUtf8(name + ": " + value);
-        FV_LOG(fields.join(QLatin1String(", ")));
+        FV_LOG(headerLine(m_connection->rawHeaderPairs()));
     }
 
     bool openOutput()
     {
-        // Create when missing, never truncate: a longer old file keeps its tail.
-        m_fileHandler.setFileName(m_savePath);
-        if (!m_fileHandler.open(QIODevice::ReadWrite | QIODevice::Unbuffered) || !m_fileHandler.seek(0)) {
-            FV_LOG(QStringLiteral("Fail: cannot write %1: %2").arg(m_savePath, m_fileHandler.errorString()));
+        if (!openOutputFile(m_fileHandler, m_savePath))
             return false;
-        }
         m_digest.reset();
         return true;
     }
@@ -167,7 +241,15 @@ bool DownloadFile::downloadFileFromURL(const QString &url, const QString &savePa
     try {
         m_urlStr = url;
         m_savePath = savePath;
-        if (NetworkAccess::isMainThread()) {
+        QString digest;
+        if (DirectHttp::usable()) {
+            // A worker fetches on its own thread: no hand-over to the main thread and back.
+            DirectDownload body(savePath);
+            const DirectHttp::Answer answer =
+                DirectHttp::exchange({NetworkAccess::request(QUrl(url)), "POST", {}}, body);
+            m_state->set(body.finish(answer) ? TransferState::Done : TransferState::Fail);
+            digest = body.md5();
+        } else if (NetworkAccess::isMainThread()) {
             // The connection needs this thread's event loop: waiting here could never end.
             FV_LOG(QStringLiteral("Download refused on the main thread: %1").arg(savePath));
             m_state->set(TransferState::Fail);
@@ -177,7 +259,6 @@ bool DownloadFile::downloadFileFromURL(const QString &url, const QString &savePa
         }
         // Closed, read and let go in one visit to the main thread: each visit is a round trip of
         // two thread switches, and small files are mostly that.
-        QString digest;
         if (m_connection) {
             DownloadConnection *connection = m_connection;
             m_connection = nullptr;
