@@ -17,6 +17,7 @@ constexpr int kInactivityTimeoutMs = 60 * 1000; // not scaled, like every reques
 constexpr int kKeepIdleMs = 30 * 1000;          // a kept connection quiet longer is not trusted
 constexpr qsizetype kMaxHeadBytes = 64 * 1024;  // a longer head is not an answer of ours
 constexpr qint64 kPieceBytes = 64 * 1024;
+constexpr qint64 kWriteAhead = 256 * 1024; // bytes of a streamed body allowed to wait in the socket
 
 // The connection a thread keeps between its requests.
 struct KeptConnection
@@ -141,15 +142,15 @@ public:
         : m_url(std::move(url)), m_socket(socket), m_receiver(receiver), m_answer(answer)
     {}
 
-    End run(const QByteArray &head, const QByteArray &body, bool headRequest)
+    End run(const QByteArray &head, const QByteArray &body, DirectHttp::BodySource *source, bool headRequest)
     {
         m_socket->write(head);
         if (!body.isEmpty())
             m_socket->write(body);
-        while (m_socket->bytesToWrite() > 0 || m_socket->encryptedBytesToWrite() > 0) {
-            if (!m_socket->waitForBytesWritten(kInactivityTimeoutMs))
-                return broken();
-        }
+        if (source && !stream(*source))
+            return m_failedEarly ? End::NothingBack : End::Closed;
+        if (!drain(0))
+            return broken();
         if (!readHead())
             return m_failedEarly ? End::NothingBack : End::Closed;
         if (headRequest || m_answer.status == 204 || m_answer.status == 304)
@@ -171,6 +172,40 @@ public:
     }
 
 private:
+    // Sends until no more than `ahead` bytes wait in the socket.
+    bool drain(qint64 ahead)
+    {
+        while (m_socket->bytesToWrite() + m_socket->encryptedBytesToWrite() > ahead) {
+            if (!m_socket->waitForBytesWritten(kInactivityTimeoutMs))
+                return false;
+        }
+        return true;
+    }
+
+    bool stream(DirectHttp::BodySource &source)
+    {
+        // The head and the first piece leave together: a small file's upload is one round trip.
+        QByteArray piece(kPieceBytes, Qt::Uninitialized);
+        for (qint64 left = source.size(); left > 0;) {
+            if (source.cancelled()) {
+                fail(QNetworkReply::OperationCanceledError, QStringLiteral("Operation canceled"));
+                return false;
+            }
+            const qint64 got = source.read(piece.data(), qMin(left, kPieceBytes));
+            if (got <= 0) {
+                fail(QNetworkReply::UnknownContentError, QStringLiteral("the body could not be read"));
+                return false;
+            }
+            m_socket->write(piece.constData(), got);
+            left -= got;
+            if (!drain(kWriteAhead)) {
+                broken();
+                return false;
+            }
+        }
+        return true;
+    }
+
     End broken()
     {
         m_failedEarly = m_seenAnswerByte == false;
@@ -257,14 +292,7 @@ private:
         }
     }
 
-    QByteArray header(const char *name) const
-    {
-        for (const auto &[key, value] : m_answer.headers) {
-            if (key.compare(name, Qt::CaseInsensitive) == 0)
-                return value;
-        }
-        return {};
-    }
+    QByteArray header(const char *name) const { return DirectHttp::headerValue(m_answer.headers, name); }
 
     // Moves up to `limit` available bytes into the receiver; false when it refused them.
     bool pass(qint64 limit, qint64 *moved)
@@ -300,7 +328,8 @@ private:
             if (!readLine(&line))
                 return false;
             bool ok = false;
-            const qint64 size = line.left(line.indexOf(';')).trimmed().toLongLong(&ok, 16);
+            const qsizetype extension = line.indexOf(';');
+            const qint64 size = (extension < 0 ? line : line.left(extension)).trimmed().toLongLong(&ok, 16);
             if (!ok || size < 0) {
                 protocolFailure(QStringLiteral("bad chunk size"));
                 return false;
@@ -376,12 +405,29 @@ bool BodyReceiver::take(qint64 size)
     return true;
 }
 
+QByteArray headerValue(const QList<QPair<QByteArray, QByteArray>> &headers, const char *name)
+{
+    for (const auto &[key, value] : headers) {
+        if (key.compare(name, Qt::CaseInsensitive) == 0)
+            return value;
+    }
+    return {};
+}
+
+QString headerLine(const QList<QPair<QByteArray, QByteArray>> &headers)
+{
+    QStringList fields;
+    for (const auto &[name, value] : headers)
+        fields << QString::fromUtf8(name + ": " + value);
+    return fields.join(QLatin1String(", "));
+}
+
 bool usable()
 {
     return QCoreApplication::instance() && !NetworkAccess::isMainThread();
 }
 
-Answer exchange(const RestRequest &request, BodyReceiver &receiver)
+Answer exchange(const RestRequest &request, BodyReceiver &receiver, BodySource *source)
 {
     NetworkAccess::installTrust();
     Answer answer;
@@ -408,13 +454,20 @@ Answer exchange(const RestRequest &request, BodyReceiver &receiver)
     QByteArray head = request.method + ' ' + target + " HTTP/1.1\r\nHost: " + host + "\r\n";
     for (const QByteArray &name : request.request.rawHeaderList())
         head += name + ": " + request.request.rawHeader(name) + "\r\n";
-    if (!request.body.isEmpty() || request.method == "POST" || request.method == "PUT")
+    if (source)
+        head += "Content-Length: " + QByteArray::number(source->size()) + "\r\n";
+    else if (!request.body.isEmpty() || request.method == "POST" || request.method == "PUT")
         head += "Content-Length: " + QByteArray::number(request.body.size()) + "\r\n";
     head += "Connection: keep-alive\r\n\r\n";
 
     const QByteArray peer = url.scheme().toUtf8() + "://" + host;
     for (int attempt = 0;; ++attempt) {
         answer = Answer();
+        if (attempt > 0 && source && !source->rewind()) {
+            answer.transportFailure = true;
+            answer.error = makeError(QNetworkReply::UnknownContentError, QStringLiteral("the body could not be read again"));
+            return answer;
+        }
         std::unique_ptr<QSslSocket> socket = takeKept(peer);
         const bool reused = socket != nullptr;
         if (!socket) {
@@ -436,7 +489,7 @@ Answer exchange(const RestRequest &request, BodyReceiver &receiver)
             }
         }
         Exchange exchange(socket.get(), url.toString(QUrl::RemoveUserInfo), receiver, answer);
-        const Exchange::End end = exchange.run(head, request.body, request.method == "HEAD");
+        const Exchange::End end = exchange.run(head, request.body, source, request.method == "HEAD");
         if (end == Exchange::End::Kept) {
             keep(std::move(socket), peer);
             return answer;

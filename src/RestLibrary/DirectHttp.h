@@ -40,6 +40,20 @@ private:
     QByteArray m_piece;
 };
 
+// Where a long request body comes from, piece by piece (a file being uploaded).
+class BodySource
+{
+public:
+    virtual ~BodySource() = default;
+    virtual qint64 size() const = 0;
+    // Up to `capacity` next bytes; 0 or less fails the exchange.
+    virtual qint64 read(char *to, qint64 capacity) = 0;
+    // Back to the first byte, for a request sent again; false fails the exchange.
+    virtual bool rewind() = 0;
+    // Checked between pieces: true ends the exchange (the connection is dropped).
+    virtual bool cancelled() const { return false; }
+};
+
 struct Answer
 {
     int status = 0; // 0 when no complete answer came
@@ -54,7 +68,12 @@ struct Answer
 // application object exists.
 bool usable();
 
-// Sends `request` and reads the whole answer into `receiver`.
-Answer exchange(const RestRequest &request, BodyReceiver &receiver);
+// Sends `request` (its body, or the one `source` gives) and reads the whole answer into `receiver`.
+Answer exchange(const RestRequest &request, BodyReceiver &receiver, BodySource *source = nullptr);
+
+// Header `name` of `headers` (case-insensitive), empty when absent.
+QByteArray headerValue(const QList<QPair<QByteArray, QByteArray>> &headers, const char *name);
+// "Name: value, Name: value" for the log.
+QString headerLine(const QList<QPair<QByteArray, QByteArray>> &headers);
 
 } // namespace DirectHttp

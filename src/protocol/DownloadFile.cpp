@@ -31,14 +31,6 @@ bool openOutputFile(QFile &file, const QString &path)
     return true;
 }
 
-QString headerLine(const QList<QPair<QByteArray, QByteArray>> &headers)
-{
-    QStringList fields;
-    for (const auto &[name, value] : headers)
-        fields << QString::fromUtf8(name + ": " + value);
-    return fields.join(QLatin1String(", "));
-}
-
 // A download made on the calling thread: the body is written and hashed as it comes.
 class DirectDownload final : public DirectHttp::BodyReceiver
 {
@@ -76,7 +68,7 @@ public:
     bool finish(const DirectHttp::Answer &answer)
     {
         if (answer.status > 0)
-            FV_LOG(headerLine(answer.headers));
+            FV_LOG(DirectHttp::headerLine(answer.headers));
         bool ok = !m_failed;
         if (ok && answer.transportFailure) {
             FV_LOG(QStringLiteral("Fail: %1").arg(answer.error.toString()));
@@ -143,7 +135,7 @@ private:
         m_responded = true;
         // Again now: the network thread drops a limit that reaches it before its reply exists.
         m_connection->setReadBufferSize(kReadBufferSize);
-        FV_LOG(headerLine(m_connection->rawHeaderPairs()));
+        FV_LOG(DirectHttp::headerLine(m_connection->rawHeaderPairs()));
     }
 
     bool openOutput()

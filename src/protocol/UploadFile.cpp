@@ -1,5 +1,6 @@
 #include "protocol/UploadFile.h"
 
+#include "RestLibrary/DirectHttp.h"
 #include "RestLibrary/NetworkAccess.h"
 #include "protocol/Md5Digest.h"
 #include "protocol/TransferState.h"
@@ -17,6 +18,22 @@ namespace {
 // an upload that is being torn down.
 std::mutex g_currentMutex;
 UploadFile *g_current = nullptr;
+
+// A file sent as a request body; a cancel is seen between its pieces.
+class FileSource final : public DirectHttp::BodySource
+{
+public:
+    FileSource(QFile &file, const TransferState &state) : m_file(file), m_size(file.size()), m_state(state) {}
+    qint64 size() const override { return m_size; }
+    qint64 read(char *to, qint64 capacity) override { return m_file.read(to, capacity); }
+    bool rewind() override { return m_file.seek(0); }
+    bool cancelled() const override { return m_state.isSet(TransferState::Cancel); }
+
+private:
+    QFile &m_file;
+    const qint64 m_size;
+    const TransferState &m_state;
+};
 } // namespace
 
 UploadFile::UploadFile() : m_state(std::make_shared<TransferState>()) {}
@@ -43,7 +60,13 @@ QString UploadFile::uploadFile(const QString &, const QString &path, const QStri
 {
     QString result;
     try {
-        if (NetworkAccess::isMainThread()) {
+        if (DirectHttp::usable()) {
+            {
+                std::lock_guard lock(g_currentMutex);
+                g_current = this;
+            }
+            uploadDirect(path, url, time);
+        } else if (NetworkAccess::isMainThread()) {
             // The connection needs this thread's event loop: waiting here could never end.
             FV_LOG(QStringLiteral("Upload refused on the main thread: %1").arg(path));
             m_state->set(TransferState::Fail);
@@ -74,6 +97,45 @@ QString UploadFile::uploadFile(const QString &, const QString &path, const QStri
             g_current = nullptr;
     }
     return result;
+}
+
+// The upload made on the calling worker thread, over the connection it keeps: no hand-over to the
+// main thread and back. The server's verdict comes in the answer's head.
+void UploadFile::uploadDirect(const QString &path, const QString &url, const QString &time)
+{
+    QFile input(path);
+    if (!input.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
+        FV_LOG(QStringLiteral("Fail: cannot read %1: %2").arg(path, input.errorString()));
+        m_state->set(TransferState::Fail);
+        return;
+    }
+    const QUrl target(url);
+    if (!target.isValid() || target.scheme() != QLatin1String("https") || target.host().isEmpty()) {
+        FV_LOG(QStringLiteral("Fail: not an https URL: %1").arg(url));
+        m_state->set(TransferState::Fail);
+        return;
+    }
+    RestRequest request{NetworkAccess::request(target), "POST", {}};
+    request.request.setRawHeader("Content-Type", "application/stream");
+    request.request.setRawHeader("velmora_filetime", time.toUtf8());
+    FileSource source(input, *m_state);
+    DirectHttp::BodyReceiver receiver;
+    const DirectHttp::Answer answer = DirectHttp::exchange(request, receiver, &source);
+    if (answer.status > 0) {
+        FV_LOG(DirectHttp::headerLine(answer.headers));
+        if (!receiver.body.isEmpty())
+            FV_LOG(QStringLiteral("receive data: %1").arg(QString::fromUtf8(receiver.body)));
+    }
+    if (m_state->isSet(TransferState::Cancel))
+        return;
+    if (answer.transportFailure) {
+        FV_LOG(QStringLiteral("Fail: %1").arg(answer.error.localizedDescription()));
+        m_state->set(TransferState::Fail);
+        return;
+    }
+    FV_LOG(QStringLiteral("Finish!"));
+    m_state->set(DirectHttp::headerValue(answer.headers, "Velmora-result") == "0" ? TransferState::Done
+                                                                                  : TransferState::Fail);
 }
 
 void UploadFile::createConnection(const QStringList &info)

@@ -48,6 +48,7 @@ public:
 
 private:
     void closeConnection();
+    void uploadDirect(const QString &path, const QString &url, const QString &time);
 
     std::shared_ptr<TransferState> m_state;
     UploadConnection *m_connection = nullptr; // lives on the main thread, deleted there

@@ -130,7 +130,7 @@ private:
         m_owner->record(c.request);
         const TestResponse response = m_owner->answer(c.request);
         respond(socket, response);
-        if (response.action == TestResponse::KeepOpen) {
+        if (response.action == TestResponse::KeepOpen || response.action == TestResponse::Chunked) {
             c.buffer.remove(0, c.expected);
             c.request = {};
             c.expected = -1;
@@ -149,6 +149,14 @@ private:
         QByteArray head = "HTTP/1.1 " + QByteArray::number(r.status) + ' ' + reasonFor(r.status) + "\r\n";
         for (const auto &[name, value] : r.headers)
             head += name + ": " + value + "\r\n";
+        if (r.action == TestResponse::Chunked) {
+            const qsizetype half = r.body.size() / 2;
+            head += "Transfer-Encoding: chunked\r\n\r\n";
+            for (const QByteArray &piece : {r.body.left(half), r.body.mid(half)})
+                head += QByteArray::number(piece.size(), 16) + ";ext=1\r\n" + piece + "\r\n";
+            socket->write(head + "0\r\nTrailer: x\r\n\r\n");
+            return;
+        }
         qint64 announced = r.body.size();
         if (r.action == TestResponse::CutBody || r.action == TestResponse::HeadersThenHang)
             announced += 1000;

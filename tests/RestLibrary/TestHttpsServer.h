@@ -35,6 +35,7 @@ struct TestResponse
         HeadersThenHang, // send head and body, announce 1000 more bytes, never close
         KeepOpen,        // status, headers, whole body, and wait for the next request
         CloseUnanswered, // close without a byte of answer
+        Chunked,         // status, headers, the body in two chunks, and wait for the next request
     };
     Action action = Reply;
     int status = 200;
