@@ -138,79 +138,112 @@ class Exchange
 public:
     enum class End { Kept, Closed, NothingBack };
 
-    Exchange(QSslSocket *socket, QString url, DirectHttp::BodyReceiver &receiver, DirectHttp::Answer &answer)
-        : m_url(std::move(url)), m_socket(socket), m_receiver(receiver), m_answer(answer)
+    Exchange(QSslSocket *socket, QString url, DirectHttp::BodyReceiver &receiver, DirectHttp::Answer &answer,
+             DirectHttp::BodySource *source)
+        : m_url(std::move(url)), m_socket(socket), m_receiver(receiver), m_answer(answer), m_source(source)
     {}
 
-    End run(const QByteArray &head, const QByteArray &body, DirectHttp::BodySource *source, bool headRequest)
+    End run(const QByteArray &head, const QByteArray &body, bool headRequest)
     {
         m_socket->write(head);
         if (!body.isEmpty())
             m_socket->write(body);
-        if (source && !stream(*source))
-            return m_failedEarly ? End::NothingBack : End::Closed;
-        if (!drain(0))
-            return broken();
-        if (!readHead())
-            return m_failedEarly ? End::NothingBack : End::Closed;
+        if ((m_source && !stream()) || !drain(0) || !readHead())
+            return m_brokenEarly ? End::NothingBack : End::Closed;
+        if (m_receiver.bodyOptional(m_answer))
+            m_optionalBody = true;
         if (headRequest || m_answer.status == 204 || m_answer.status == 304)
             return finish(true);
+        bool complete = false;
         const QByteArray length = header("content-length");
-        if (header("transfer-encoding").toLower().contains("chunked"))
-            return readChunked() ? finish(true) : End::Closed;
-        if (!length.isEmpty()) {
+        if (header("transfer-encoding").toLower().contains("chunked")) {
+            complete = readChunked();
+        } else if (!length.isEmpty()) {
             bool ok = false;
             const qint64 size = length.toLongLong(&ok);
-            if (!ok || size < 0) {
+            if (ok && size >= 0)
+                complete = readBody(size);
+            else
                 protocolFailure(QStringLiteral("bad Content-Length"));
-                return End::Closed;
-            }
-            return readBody(size) ? finish(true) : End::Closed;
+        } else {
+            // No length: the body ends with the connection.
+            return readToClose() ? finish(false) : End::Closed;
         }
-        // No length: the body ends with the connection.
-        return readToClose() ? finish(false) : End::Closed;
+        if (complete)
+            return finish(true);
+        if (m_optionalBody) { // the answer stands without its body; the connection does not
+            m_answer = m_head;
+            finish(false);
+        }
+        return End::Closed;
     }
 
 private:
+    // Waits for bytes to come (reading) or to leave. A cancel of the source is seen within a
+    // fraction of a second. False, the failure recorded, when the connection broke, the exchange
+    // was cancelled, or nothing moved for the inactivity time-out (a second for an optional body).
+    bool wait(bool reading)
+    {
+        constexpr int kSliceMs = 100;
+        const int limit = m_optionalBody ? 1000 : kInactivityTimeoutMs;
+        QElapsedTimer quiet;
+        quiet.start();
+        for (;;) {
+            const int slice = m_source ? kSliceMs : limit;
+            if (reading ? m_socket->waitForReadyRead(slice) : m_socket->waitForBytesWritten(slice)) {
+                m_seenAnswerByte = m_seenAnswerByte || reading;
+                return true;
+            }
+            if (m_socket->state() != QAbstractSocket::ConnectedState) {
+                m_brokenEarly = !m_seenAnswerByte;
+                const QAbstractSocket::SocketError error = m_socket->error();
+                fail(error == QAbstractSocket::SocketTimeoutError ? int(QNetworkReply::RemoteHostClosedError)
+                                                                  : transportCode(error),
+                     error == QAbstractSocket::SocketTimeoutError ? QStringLiteral("Connection closed")
+                                                                  : m_socket->errorString());
+                return false;
+            }
+            if (m_source && m_source->cancelled()) {
+                fail(QNetworkReply::OperationCanceledError, QStringLiteral("Operation canceled"));
+                return false;
+            }
+            if (quiet.hasExpired(limit)) {
+                fail(QNetworkReply::TimeoutError, QStringLiteral("Socket operation timed out"));
+                return false;
+            }
+        }
+    }
+
     // Sends until no more than `ahead` bytes wait in the socket.
     bool drain(qint64 ahead)
     {
         while (m_socket->bytesToWrite() + m_socket->encryptedBytesToWrite() > ahead) {
-            if (!m_socket->waitForBytesWritten(kInactivityTimeoutMs))
+            if (!wait(false))
                 return false;
         }
         return true;
     }
 
-    bool stream(DirectHttp::BodySource &source)
+    bool stream()
     {
         // The head and the first piece leave together: a small file's upload is one round trip.
         QByteArray piece(kPieceBytes, Qt::Uninitialized);
-        for (qint64 left = source.size(); left > 0;) {
-            if (source.cancelled()) {
+        for (qint64 left = m_source->size(); left > 0;) {
+            if (m_source->cancelled()) {
                 fail(QNetworkReply::OperationCanceledError, QStringLiteral("Operation canceled"));
                 return false;
             }
-            const qint64 got = source.read(piece.data(), qMin(left, kPieceBytes));
+            const qint64 got = m_source->read(piece.data(), qMin(left, kPieceBytes));
             if (got <= 0) {
                 fail(QNetworkReply::UnknownContentError, QStringLiteral("the body could not be read"));
                 return false;
             }
             m_socket->write(piece.constData(), got);
             left -= got;
-            if (!drain(kWriteAhead)) {
-                broken();
+            if (!drain(kWriteAhead))
                 return false;
-            }
         }
         return true;
-    }
-
-    End broken()
-    {
-        m_failedEarly = m_seenAnswerByte == false;
-        fail(transportCode(m_socket->error()), m_socket->errorString());
-        return m_failedEarly ? End::NothingBack : End::Closed;
     }
 
     void fail(int code, const QString &text)
@@ -222,20 +255,7 @@ private:
 
     void protocolFailure(const QString &text) { fail(QNetworkReply::ProtocolFailure, text); }
 
-    // Waits for more bytes; false (the failure recorded) when none come.
-    bool more()
-    {
-        if (m_socket->waitForReadyRead(kInactivityTimeoutMs)) {
-            m_seenAnswerByte = true;
-            return true;
-        }
-        if (m_socket->state() != QAbstractSocket::ConnectedState &&
-            m_socket->error() != QAbstractSocket::SocketTimeoutError)
-            fail(QNetworkReply::RemoteHostClosedError, QStringLiteral("Connection closed"));
-        else
-            fail(transportCode(m_socket->error()), m_socket->errorString());
-        return false;
-    }
+    bool more() { return wait(true); }
 
     bool readLine(QByteArray *line)
     {
@@ -256,10 +276,8 @@ private:
     {
         for (;;) {
             QByteArray line;
-            if (!readLine(&line)) {
-                m_failedEarly = !m_seenAnswerByte;
+            if (!readLine(&line))
                 return false;
-            }
             const QList<QByteArray> parts = line.split(' ');
             bool ok = false;
             const int status = parts.value(1).toInt(&ok);
@@ -287,6 +305,7 @@ private:
             if (status >= 200) { // an interim answer (1xx) is followed by the real one
                 m_answer.status = status;
                 m_reason = QString::fromUtf8(parts.mid(2).join(' '));
+                m_head = m_answer;
                 return true;
             }
         }
@@ -356,13 +375,17 @@ private:
                 if (!pass(m_socket->bytesAvailable(), &moved))
                     return false;
             }
-            if (m_socket->waitForReadyRead(kInactivityTimeoutMs))
+            if (wait(true))
                 continue;
-            if (m_socket->error() == QAbstractSocket::SocketTimeoutError) {
-                fail(QNetworkReply::TimeoutError, m_socket->errorString());
-                return false;
+            if (m_socket->state() == QAbstractSocket::ConnectedState)
+                return false; // cancelled or timed out
+            m_answer = m_head; // closed: the body is complete
+            while (m_socket->bytesAvailable() > 0) {
+                qint64 moved = 0;
+                if (!pass(m_socket->bytesAvailable(), &moved))
+                    return false;
             }
-            return true; // closed: the body is complete
+            return true;
         }
     }
 
@@ -381,10 +404,13 @@ private:
     QSslSocket *m_socket;
     DirectHttp::BodyReceiver &m_receiver;
     DirectHttp::Answer &m_answer;
+    DirectHttp::BodySource *m_source;
+    DirectHttp::Answer m_head; // the answer as its head gave it
     QString m_reason;
     bool m_http10 = false;
     bool m_seenAnswerByte = false;
-    bool m_failedEarly = false;
+    bool m_brokenEarly = false; // the connection broke before a byte of the answer came
+    bool m_optionalBody = false;
 };
 
 } // namespace
@@ -488,8 +514,8 @@ Answer exchange(const RestRequest &request, BodyReceiver &receiver, BodySource *
                 return answer;
             }
         }
-        Exchange exchange(socket.get(), url.toString(QUrl::RemoveUserInfo), receiver, answer);
-        const Exchange::End end = exchange.run(head, request.body, source, request.method == "HEAD");
+        Exchange exchange(socket.get(), url.toString(QUrl::RemoveUserInfo), receiver, answer, source);
+        const Exchange::End end = exchange.run(head, request.body, request.method == "HEAD");
         if (end == Exchange::End::Kept) {
             keep(std::move(socket), peer);
             return answer;

@@ -23,6 +23,8 @@
 
 namespace DirectHttp {
 
+struct Answer;
+
 // Where an answer's body goes, piece by piece. The default one collects it in `body`.
 class BodyReceiver
 {
@@ -33,6 +35,9 @@ public:
     // The first `size` bytes of that buffer hold the next piece; false stops the exchange (the
     // connection is dropped, the answer counts as failed).
     virtual bool take(qint64 size);
+    // Called once the head is read: true when the head says all that matters, so the body is
+    // only read if it comes at once, and the answer stands without it.
+    virtual bool bodyOptional(const Answer &) { return false; }
 
     QByteArray body;
 

@@ -119,7 +119,11 @@ void UploadFile::uploadDirect(const QString &path, const QString &url, const QSt
     request.request.setRawHeader("Content-Type", "application/stream");
     request.request.setRawHeader("velmora_filetime", time.toUtf8());
     FileSource source(input, *m_state);
-    DirectHttp::BodyReceiver receiver;
+    // The verdict is in the head: a body that does not follow at once is not waited for.
+    struct : DirectHttp::BodyReceiver
+    {
+        bool bodyOptional(const DirectHttp::Answer &) override { return true; }
+    } receiver;
     const DirectHttp::Answer answer = DirectHttp::exchange(request, receiver, &source);
     if (answer.status > 0) {
         FV_LOG(DirectHttp::headerLine(answer.headers));

@@ -407,7 +407,7 @@ TEST_F(TaskExecutorTest, UploadsThatFailOrAreCancelledStayUntilStored)
     EXPECT_EQ(db->getFileWithPath(at(QStringLiteral("r.txt")), context)->uploadDone(), false);
     EXPECT_TRUE(works().contains(QStringLiteral("work_add /r.txt N")));
     EXPECT_TRUE(works().contains(QStringLiteral("work_add /e.txt N")));
-    server().dropReplies(QStringLiteral("UPLOAD"), 1); // strikes the oldest, r.txt
+    server().cutReplies(QStringLiteral("UPLOAD"), 1); // strikes the oldest, r.txt
     runTasks();
     EXPECT_EQ(pendingTypes(), QList<int>{1});
     runTasks();
