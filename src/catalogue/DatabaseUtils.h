@@ -16,6 +16,8 @@
 #include "util/LogObject.h"
 
 #include <QDateTime>
+#include <QElapsedTimer>
+#include <QHash>
 #include <QPointer>
 #include <QString>
 #include <QStringList>
@@ -177,6 +179,10 @@ public:
     bool downloadFileTo(const QString &path, const QString &name, QString *md5_p, const QString &key,
                         const QString &serverTime);
     bool downloadTask(const FilePtr &task, const ContextPtr &context);
+    // Whether `path` is still exactly as a download of the last minute left it (same inode, size,
+    // modification and change times): the watcher's report of it, or a rescan finding it, is then
+    // no change of the user's, and needs neither the catalogue nor a digest to say so.
+    bool isAsDownloaded(const QString &path);
     void statusBarAnimation();
     void stopBarAnimation();
     static void postLogFromSync(const LogObject &log);
@@ -315,4 +321,19 @@ private:
     QPointer<QObject> m_runner; // lives on syncThread; receives the queued task runs
     std::mutex m_transportLock;
     std::shared_ptr<CommandTransport> m_transport;
+
+    struct FileStamp
+    {
+        quint64 inode = 0;
+        qint64 size = -1;
+        qint64 modifiedNs = 0;
+        qint64 changedNs = 0;
+        qint64 at = 0; // m_stampClock's milliseconds when taken
+    };
+    static std::optional<FileStamp> stampOf(const QString &path);
+    void rememberDownload(const QString &path);
+    std::mutex m_stampLock;
+    QHash<QString, FileStamp> m_downloaded; // path -> the file as its download left it
+    qsizetype m_stampsKept = 0;             // stamps left by the last sweep of expired ones
+    QElapsedTimer m_stampClock;
 };

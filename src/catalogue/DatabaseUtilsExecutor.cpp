@@ -20,6 +20,7 @@
 #include <QSet>
 #include <QThread>
 #include <algorithm>
+#include <sys/stat.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -762,13 +763,71 @@ bool DatabaseUtils::downloadFileTo(const QString &path, const QString &name, QSt
             QStringLiteral("Cannot replace %1: %2").arg(path, QString::fromLocal8Bit(std::strerror(errno))));
         ok = false;
     }
-    if (!ok)
+    if (!ok) {
         QFile::remove(part);
-    else if (md5_p && !digest.isEmpty())
-        *md5_p = digest;
+    } else {
+        rememberDownload(path);
+        if (md5_p && !digest.isEmpty())
+            *md5_p = digest;
+    }
     notifyUser(QStringLiteral("download_complete"), QStringLiteral("file"), name);
     Pace::sleep(1000);
     return ok;
+}
+
+namespace {
+// A report comes within moments of the download; the bound is the machine's, not the program's pace.
+constexpr qint64 kDownloadStampMs = 60000;
+} // namespace
+
+std::optional<DatabaseUtils::FileStamp> DatabaseUtils::stampOf(const QString &path)
+{
+    struct stat info;
+    if (::stat(QFile::encodeName(path).constData(), &info) != 0 || !S_ISREG(info.st_mode))
+        return std::nullopt;
+    FileStamp stamp;
+    stamp.inode = quint64(info.st_ino);
+    stamp.size = qint64(info.st_size);
+    stamp.modifiedNs = qint64(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
+    stamp.changedNs = qint64(info.st_ctim.tv_sec) * 1000000000 + info.st_ctim.tv_nsec;
+    return stamp;
+}
+
+void DatabaseUtils::rememberDownload(const QString &path)
+{
+    std::optional<FileStamp> stamp = stampOf(path);
+    std::lock_guard lock(m_stampLock);
+    if (!m_stampClock.isValid())
+        m_stampClock.start();
+    const qint64 now = m_stampClock.elapsed();
+    // Expired stamps go in one sweep whenever the table has doubled since the last.
+    if (m_downloaded.size() >= 2 * std::max<qsizetype>(m_stampsKept, 512)) {
+        m_downloaded.removeIf([now](const auto &entry) { return now - entry.value().at > kDownloadStampMs; });
+        m_stampsKept = m_downloaded.size();
+    }
+    if (!stamp) {
+        m_downloaded.remove(path);
+        return;
+    }
+    stamp->at = now;
+    m_downloaded.insert(path, *stamp);
+}
+
+bool DatabaseUtils::isAsDownloaded(const QString &path)
+{
+    std::lock_guard lock(m_stampLock);
+    const auto found = m_downloaded.constFind(path);
+    if (found == m_downloaded.cend())
+        return false;
+    const FileStamp was = found.value();
+    const std::optional<FileStamp> now = stampOf(path);
+    if (m_stampClock.elapsed() - was.at <= kDownloadStampMs && now && now->inode == was.inode &&
+        now->size == was.size && now->modifiedNs == was.modifiedNs && now->changedNs == was.changedNs)
+        return true;
+    m_downloaded.erase(found); // changed since, or too old to vouch for
+    if (m_downloaded.isEmpty())
+        m_downloaded.squeeze();
+    return false;
 }
 
 bool DatabaseUtils::downloadTask(const FilePtr &task, const ContextPtr &context)

@@ -470,6 +470,9 @@ void ProcessWindowController::storeTask(qint64 type, const QString &name, const 
     if (CataloguePaths::isDownloadPart(path) ||
         (!newPath.isEmpty() && CataloguePaths::isDownloadPart(newPath)))
         return;
+    // A file just fetched and untouched since: its report (or the rescan's) is the download's own.
+    if ((type == 1 || type == 5) && !folder && newPath.isEmpty() && db()->isAsDownloaded(path))
+        return;
     QDateTime time;
     if (!folder && fileStillThere)
         time = db()->serverTimeNSDateOfFileAtPath(newPath.isEmpty() ? path : newPath);

@@ -289,6 +289,36 @@ TEST_F(ServerOperationsTest, HostileNamesAndPathsNeverLeaveTheSyncFolder)
     EXPECT_FALSE(server().requestedCommands().contains(QStringLiteral("DOWNLOAD")));
 }
 
+TEST_F(ServerOperationsTest, AFileIsTakenForItsDownloadOnlyWhileNothingChangedIt)
+{
+    const QString key = server().putFile(ServerHarness::user(), QStringLiteral("n.txt"), "1234",
+                                         QStringLiteral("20220304050607"));
+    const QString file = at(QStringLiteral("n.txt"));
+    bool fetched = false;
+    QString md5;
+    ASSERT_TRUE(runOffMainThread([&] {
+        fetched = db->downloadFileTo(file, QStringLiteral("n.txt"), &md5, key, QStringLiteral("20220304050607"));
+    }));
+    ASSERT_TRUE(fetched);
+    EXPECT_TRUE(db->isAsDownloaded(file));
+    EXPECT_TRUE(db->isAsDownloaded(file)); // asking does not use it up
+    EXPECT_FALSE(db->isAsDownloaded(at(QStringLiteral("other.txt"))));
+    // Written again with the same size and its date put back: only the change time tells.
+    const QDateTime dated = QFileInfo(file).lastModified();
+    ASSERT_TRUE(TestUtil::writeFile(file, "5678"));
+    ASSERT_TRUE(setMTime(file, dated));
+    EXPECT_FALSE(db->isAsDownloaded(file));
+    // Replaced by another file of the same contents: another inode.
+    ASSERT_TRUE(runOffMainThread([&] {
+        fetched = db->downloadFileTo(file, QStringLiteral("n.txt"), &md5, key, QStringLiteral("20220304050607"));
+    }));
+    ASSERT_TRUE(fetched && db->isAsDownloaded(file));
+    ASSERT_TRUE(QFile::copy(file, file + QStringLiteral(".copy")));
+    ASSERT_TRUE(QFile::remove(file) && QFile::rename(file + QStringLiteral(".copy"), file));
+    ASSERT_TRUE(setMTime(file, dated));
+    EXPECT_FALSE(db->isAsDownloaded(file));
+}
+
 TEST_F(ServerOperationsTest, ServerClockAndItemDetails)
 {
     const QString id = db->getServerID();
