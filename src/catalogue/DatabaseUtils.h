@@ -183,6 +183,8 @@ public:
     // modification and change times): the watcher's report of it, or a rescan finding it, is then
     // no change of the user's, and needs neither the catalogue nor a digest to say so.
     bool isAsDownloaded(const QString &path);
+    // Lets go of the records of downloads older than that minute.
+    void forgetOldDownloads();
     void statusBarAnimation();
     void stopBarAnimation();
     static void postLogFromSync(const LogObject &log);
@@ -332,6 +334,7 @@ private:
     };
     static std::optional<FileStamp> stampOf(const QString &path);
     void rememberDownload(const QString &path);
+    void sweepStamps(qint64 now); // m_stampLock held
     std::mutex m_stampLock;
     QHash<QString, FileStamp> m_downloaded; // path -> the file as its download left it
     qsizetype m_stampsKept = 0;             // stamps left by the last sweep of expired ones

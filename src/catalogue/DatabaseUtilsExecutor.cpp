@@ -801,16 +801,29 @@ void DatabaseUtils::rememberDownload(const QString &path)
         m_stampClock.start();
     const qint64 now = m_stampClock.elapsed();
     // Expired stamps go in one sweep whenever the table has doubled since the last.
-    if (m_downloaded.size() >= 2 * std::max<qsizetype>(m_stampsKept, 512)) {
-        m_downloaded.removeIf([now](const auto &entry) { return now - entry.value().at > kDownloadStampMs; });
-        m_stampsKept = m_downloaded.size();
-    }
+    if (m_downloaded.size() >= 2 * std::max<qsizetype>(m_stampsKept, 512))
+        sweepStamps(now);
     if (!stamp) {
         m_downloaded.remove(path);
         return;
     }
     stamp->at = now;
     m_downloaded.insert(path, *stamp);
+}
+
+void DatabaseUtils::sweepStamps(qint64 now)
+{
+    m_downloaded.removeIf([now](const auto &entry) { return now - entry.value().at > kDownloadStampMs; });
+    m_stampsKept = m_downloaded.size();
+    if (m_downloaded.isEmpty())
+        m_downloaded.squeeze(); // a first sync's thousands give their memory back
+}
+
+void DatabaseUtils::forgetOldDownloads()
+{
+    std::lock_guard lock(m_stampLock);
+    if (m_stampClock.isValid())
+        sweepStamps(m_stampClock.elapsed());
 }
 
 bool DatabaseUtils::isAsDownloaded(const QString &path)
@@ -825,8 +838,6 @@ bool DatabaseUtils::isAsDownloaded(const QString &path)
         now->size == was.size && now->modifiedNs == was.modifiedNs && now->changedNs == was.changedNs)
         return true;
     m_downloaded.erase(found); // changed since, or too old to vouch for
-    if (m_downloaded.isEmpty())
-        m_downloaded.squeeze();
     return false;
 }
 

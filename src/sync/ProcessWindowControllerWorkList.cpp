@@ -34,6 +34,7 @@ void ProcessWindowController::checkSyncList()
 {
     const std::shared_ptr<ManagedObjectContext> context = managedObjectContext();
     const std::shared_ptr<DatabaseUtils> utils = db();
+    utils->forgetOldDownloads();
     checkRootFolder(context);
 
     // Files of the first synchronisation still missing come before new changes.
