@@ -481,6 +481,17 @@ int ManagedObjectContext::countForFetchRequest(const FetchRequest &request, FvEr
     return int(sqlite3_column_int64(statement, 0));
 }
 
+void ManagedObjectContext::releaseMemory()
+{
+    if (!d->db)
+        return;
+    const QByteArray sql = "PRAGMA mmap_size=0; PRAGMA mmap_size=" +
+                           QByteArray::number(PersistentStoreCoordinator::kMmapBytes) + "; PRAGMA shrink_memory;";
+    if (sqlite3_exec(d->db, sql.constData(), nullptr, nullptr, nullptr) != SQLITE_OK)
+        FV_LOG(QStringLiteral("The store's memory could not be released: %1")
+                   .arg(QString::fromUtf8(sqlite3_errmsg(d->db))));
+}
+
 bool ManagedObjectContext::hasChanges() const
 {
     return !d->inserted.empty() || !d->updated.isEmpty() || !d->deleted.isEmpty();

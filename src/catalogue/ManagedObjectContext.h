@@ -83,6 +83,10 @@ public:
     bool hasChanges() const;
     // Drops pending changes: inserted objects are detached, edited and deleted ones reloaded.
     void rollback();
+    // For a pause in the work: lets go of the store file's map (the pages read through it count as
+    // this process's memory) and of SQLite's page cache. The next statement maps and reads again
+    // what it needs. Pending changes and objects stay.
+    void releaseMemory();
 
     // Replaces every occurrence of `from` with `to` in the path of each object of the entity whose
     // path matches `predicate` (rows in the store and objects here alike) and saves every pending

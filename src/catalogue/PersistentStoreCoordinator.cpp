@@ -20,10 +20,6 @@ namespace {
 constexpr int kApplicationId = 0x46565431;
 // Real time: another connection's write transaction is short; waiting is better than failing.
 constexpr int kBusyTimeoutMs = 5000;
-// Reads through a memory map of the store: every page read otherwise is a system call, dear on
-// virtual machines, and lookups slow down as the catalogue outgrows SQLite's page cache. Only
-// address space is reserved; a larger store is read normally beyond this size.
-constexpr qint64 kMmapBytes = qint64(1) << 30;
 
 void foldFunction(sqlite3_context *context, int argc, sqlite3_value **argv)
 {

@@ -13,6 +13,7 @@
 #include "util/FvError.h"
 
 #include <QString>
+#include <QtGlobal>
 #include <memory>
 
 struct sqlite3;
@@ -31,6 +32,10 @@ public:
         QueryFailed = 5,  // a statement failed (fetch or save)
     };
     static constexpr int kSchemaVersion = 1;
+    // Reads go through a memory map of the store: every page read otherwise is a system call, dear
+    // on virtual machines, and lookups slow down as the catalogue outgrows SQLite's page cache. Only
+    // address space is reserved; a larger store is read normally beyond this size.
+    static constexpr qint64 kMmapBytes = qint64(1) << 30;
 
     static std::shared_ptr<PersistentStoreCoordinator> create(const QString &path, FvError *error = nullptr);
     ~PersistentStoreCoordinator();

@@ -182,7 +182,21 @@ void ProcessWindowController::firstTimeSync()
         updateLastCheck(context, utils->getServerID());
     createThreadCheck();
     stopAnimation();
+    releaseCatalogueMemory();
     setState(State::Idle);
+}
+
+void ProcessWindowController::releaseCatalogueMemory()
+{
+    // Between passes the catalogue rests: what its connections hold for speed is given back.
+    if (const std::shared_ptr<ManagedObjectContext> context = managedObjectContext())
+        context->releaseMemory();
+    postToListener(
+        [this] {
+            if (const std::shared_ptr<ManagedObjectContext> context = listenerManagedObjectContext())
+                context->releaseMemory();
+        },
+        false);
 }
 
 bool ProcessWindowController::findCloudFolderKey(const std::shared_ptr<ManagedObjectContext> &context)

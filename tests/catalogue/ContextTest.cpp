@@ -1,6 +1,7 @@
 #include "StoreFixture.h"
 
 #include <QThread>
+#include <sqlite3.h>
 #include <thread>
 
 namespace {
@@ -272,4 +273,37 @@ TEST_F(Context, FailedPathRewriteLeavesItPendingForTheNextSave)
     ASSERT_TRUE(context->save(&error)) << qPrintable(error.toString());
     EXPECT_EQ(sql(kStoredPaths),
               QStringList({stored(u"/s/b/x"_qs), stored(u"/s/b/y"_qs), stored(u"/s/b/z"_qs)}));
+}
+
+TEST_F(Context, ReleasedMemoryIsMappedAgainOnUseAndKeepsPendingChanges)
+{
+    // How many of this process's mappings are of the store file (each connection has its own).
+    const auto storeMaps = [this] {
+        QFile maps(QStringLiteral("/proc/self/maps"));
+        if (!maps.open(QIODevice::ReadOnly))
+            return -1;
+        return int(maps.readAll().count(QByteArray(QFile::encodeName(coordinator->path()) + '\n')));
+    };
+    addDirectory(*context, QStringLiteral("a"), QStringLiteral("/a"));
+    ASSERT_TRUE(context->save());
+    // Pages are read through the map once they are in the store file, not only in its journal.
+    const auto checkpoint = [this] {
+        sqlite3 *raw = coordinator->openConnection(nullptr);
+        ASSERT_TRUE(raw);
+        EXPECT_EQ(sqlite3_exec(raw, "PRAGMA wal_checkpoint(TRUNCATE)", nullptr, nullptr, nullptr), SQLITE_OK);
+        sqlite3_close_v2(raw);
+    };
+    checkpoint();
+    ASSERT_TRUE(context->fetchFirst<Directory>(byKey(QStringLiteral("a"))));
+    const int mapped = storeMaps();
+    ASSERT_GE(mapped, 1) << qPrintable(coordinator->path());
+
+    addDirectory(*context, QStringLiteral("b"), QStringLiteral("/b")); // pending over the release
+    context->releaseMemory();
+    EXPECT_EQ(storeMaps(), mapped - 1);
+    ASSERT_TRUE(context->save());
+    EXPECT_EQ(newContext()->fetch<Directory>().size(), 2);
+    checkpoint();
+    EXPECT_EQ(context->fetchFirst<Directory>(byKey(QStringLiteral("b")))->path(), u"/b");
+    EXPECT_EQ(storeMaps(), mapped); // mapped again by the first read that needs it
 }
