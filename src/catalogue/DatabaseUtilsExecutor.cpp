@@ -20,11 +20,11 @@
 #include <QSet>
 #include <QThread>
 #include <algorithm>
-#include <sys/stat.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <sys/stat.h>
 
 namespace {
 
