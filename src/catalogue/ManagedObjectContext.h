@@ -85,7 +85,8 @@ public:
     void rollback();
     // For a pause in the work: lets go of the store file's map (the pages read through it count as
     // this process's memory) and of SQLite's page cache. The next statement maps and reads again
-    // what it needs. Pending changes and objects stay.
+    // what it needs; entries of objects no one holds any more are dropped. Pending changes and
+    // live objects stay.
     void releaseMemory();
 
     // Replaces every occurrence of `from` with `to` in the path of each object of the entity whose
