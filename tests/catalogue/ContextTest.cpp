@@ -275,7 +275,7 @@ TEST_F(Context, FailedPathRewriteLeavesItPendingForTheNextSave)
               QStringList({stored(u"/s/b/x"_qs), stored(u"/s/b/y"_qs), stored(u"/s/b/z"_qs)}));
 }
 
-TEST_F(Context, ReleasedMemoryIsMappedAgainOnUseAndKeepsPendingChanges)
+TEST_F(Context, ReleasedMemoryIsMappedAgainOnUseAndKeepsPendingChangesAndLiveObjects)
 {
     // How many of this process's mappings are of the store file (each connection has its own).
     const auto storeMaps = [this] {
@@ -294,7 +294,8 @@ TEST_F(Context, ReleasedMemoryIsMappedAgainOnUseAndKeepsPendingChanges)
         sqlite3_close_v2(raw);
     };
     checkpoint();
-    ASSERT_TRUE(context->fetchFirst<Directory>(byKey(QStringLiteral("a"))));
+    const DirectoryPtr held = context->fetchFirst<Directory>(byKey(QStringLiteral("a")));
+    ASSERT_TRUE(held);
     const int mapped = storeMaps();
     ASSERT_GE(mapped, 1) << qPrintable(coordinator->path());
 
@@ -306,4 +307,6 @@ TEST_F(Context, ReleasedMemoryIsMappedAgainOnUseAndKeepsPendingChanges)
     checkpoint();
     EXPECT_EQ(context->fetchFirst<Directory>(byKey(QStringLiteral("b")))->path(), u"/b");
     EXPECT_EQ(storeMaps(), mapped); // mapped again by the first read that needs it
+    // An object still held is still the one a fetch gives.
+    EXPECT_EQ(context->fetchFirst<Directory>(byKey(QStringLiteral("a"))).get(), held.get());
 }
