@@ -143,6 +143,8 @@ public:
     // Listener queue: fetches one file when needed and records it.
     void addFileWithElement(const std::shared_ptr<GDataXMLElement> &element, const QString &parentPath,
                             const std::shared_ptr<ManagedObjectContext> &context);
+    // Listener queue: saves the walk's pending rows (logged, not thrown, when the save fails).
+    void saveWalkRows(const std::shared_ptr<ManagedObjectContext> &context);
     // Worker: one work-list pass.
     void checkSyncList();
     // Worker: the work-item builders (each appends at most one item to listTask).

@@ -17,6 +17,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QScopeGuard>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -137,6 +138,9 @@ void ProcessWindowController::firstTimeSync()
                     continue;
                 runOnListenerAndWait([&] {
                     const auto listenerContext = listenerManagedObjectContext();
+                    // The walk's file rows are saved a folder at a time; what is pending when an
+                    // entry ends, however it ends, is saved then.
+                    const auto saveRows = qScopeGuard([&] { saveWalkRows(listenerContext); });
                     if (child->name() == u"DIR")
                         getContentInFolder(child, root, listenerContext);
                     else
@@ -344,6 +348,7 @@ void ProcessWindowController::getContentInFolder(const std::shared_ptr<GDataXMLE
                 addFileWithElement(child, folderPath, context);
             Pace::sleep(500);
         }
+        saveWalkRows(context);
         break;
     }
     // Writing the children moved the folder's date; it gets the server's again.
@@ -471,8 +476,14 @@ void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLE
     row->setMemo(integerOf(memo));
     row->setPriv(priv);
     row->setSync(sync.trimmed().toLongLong() != 0);
+    // Saved with the rest of its folder (saveWalkRows): one transaction per file was the walk's
+    // largest catalogue cost. Until then the row is pending in this context, whose fetches see it.
+}
+
+void ProcessWindowController::saveWalkRows(const std::shared_ptr<ManagedObjectContext> &context)
+{
     FvError error;
-    if (!context->save(&error))
+    if (context && !context->save(&error))
         FV_LOG(QStringLiteral("%1").arg(error.toString()));
 }
 
