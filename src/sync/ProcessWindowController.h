@@ -255,7 +255,7 @@ private:
     // on disk (the catalogue's change detection drops the unchanged ones) and every catalogued item
     // that is gone from disk.
     void rescanSyncFolder();
-    void releaseIdleMemory();
+    void releaseCatalogueMemory();
     // Listener queue: a delete task for each catalogued item gone from disk (the topmost one only).
     void recordRemovedItems();
     // Any thread: a rescan on the worker, unless one is already waiting to start.

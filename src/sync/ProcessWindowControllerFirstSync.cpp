@@ -21,7 +21,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <malloc.h>
 #include <sys/statvfs.h>
 
 using namespace EngineDetail;
@@ -187,22 +186,19 @@ void ProcessWindowController::firstTimeSync()
         updateLastCheck(context, utils->getServerID());
     createThreadCheck();
     stopAnimation();
-    releaseIdleMemory();
+    releaseCatalogueMemory();
     setState(State::Idle);
 }
 
-void ProcessWindowController::releaseIdleMemory()
+void ProcessWindowController::releaseCatalogueMemory()
 {
-    // Between passes the catalogue rests: what its connections hold for speed is given back, and
-    // so is what the pass freed. The allocator keeps freed memory in each thread's arena, where a
-    // pass over 10,000 entries leaves megabytes that only the next pass would reuse.
+    // Between passes the catalogue rests: what its connections hold for speed is given back.
     if (const std::shared_ptr<ManagedObjectContext> context = managedObjectContext())
         context->releaseMemory();
     postToListener(
         [this] {
             if (const std::shared_ptr<ManagedObjectContext> context = listenerManagedObjectContext())
                 context->releaseMemory();
-            ::malloc_trim(0);
         },
         false);
 }

@@ -88,7 +88,7 @@ void ProcessWindowController::checkSyncList()
         updateLastCheck(context, lastId);
     addStringToLog(QStringLiteral("Read sync list complete"));
     countPass();
-    releaseIdleMemory();
+    releaseCatalogueMemory();
     setState(State::Idle);
     QMetaObject::invokeMethod(this, &ProcessWindowController::passCompleted, Qt::QueuedConnection);
 }
