@@ -122,6 +122,14 @@ struct ManagedObjectContext::Private
     {
         std::unordered_map<qint64, std::weak_ptr<ManagedObject>> rows;
         std::size_t purgeAt = 256;
+
+        // Drops the entries of objects no one holds any more (each still pins its object's
+        // memory, allocated with the reference count) and sets when to look again.
+        void purge()
+        {
+            std::erase_if(rows, [](const auto &entry) { return entry.second.expired(); });
+            purgeAt = std::max<std::size_t>(256, rows.size() * 2);
+        }
     };
     QHash<const EntityDescription *, RowMap> identity;
     std::vector<ManagedObjectPtr> inserted; // in insertion order
@@ -213,10 +221,8 @@ struct ManagedObjectContext::Private
     {
         RowMap &map = identity[&entity];
         map.rows[rowId] = object;
-        if (map.rows.size() >= map.purgeAt) {
-            std::erase_if(map.rows, [](const auto &entry) { return entry.second.expired(); });
-            map.purgeAt = std::max<std::size_t>(256, map.rows.size() * 2);
-        }
+        if (map.rows.size() >= map.purgeAt)
+            map.purge();
     }
 
     void forget(const EntityDescription &entity, qint64 rowId)
@@ -483,12 +489,10 @@ int ManagedObjectContext::countForFetchRequest(const FetchRequest &request, FvEr
 
 void ManagedObjectContext::releaseMemory()
 {
-    // A forgotten row's entry still holds the object's memory (one block with its reference
-    // count): after a pass over 10,000 rows that is thousands of blocks spread over the heap.
+    // After a pass over 10,000 rows, forgotten entries pin thousands of blocks across the heap.
     for (Private::RowMap &map : d->identity) {
-        std::erase_if(map.rows, [](const auto &entry) { return entry.second.expired(); });
+        map.purge();
         map.rows.rehash(0);
-        map.purgeAt = std::max<std::size_t>(256, map.rows.size() * 2);
     }
     if (!d->db)
         return;
