@@ -255,16 +255,14 @@ ProcessWindowController::~ProcessWindowController()
 
 // --- State ---
 
-namespace {
 // A pass over many entries leaves much of the heap free but kept by the allocator (in every
 // thread's arena); handed back once idle, the client waits between passes at its working size.
-void giveBackFreedMemory()
+void ProcessWindowController::giveBackFreedMemory()
 {
 #ifdef __GLIBC__
     malloc_trim(0);
 #endif
 }
-} // namespace
 
 void ProcessWindowController::setState(State state)
 {

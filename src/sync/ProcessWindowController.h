@@ -256,6 +256,7 @@ private:
     // that is gone from disk.
     void rescanSyncFolder();
     void releaseCatalogueMemory();
+    static void giveBackFreedMemory();
     // Listener queue: a delete task for each catalogued item gone from disk (the topmost one only).
     void recordRemovedItems();
     // Any thread: a rescan on the worker, unless one is already waiting to start.

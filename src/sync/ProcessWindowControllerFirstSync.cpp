@@ -195,10 +195,13 @@ void ProcessWindowController::releaseCatalogueMemory()
     // Between passes the catalogue rests: what its connections hold for speed is given back.
     if (const std::shared_ptr<ManagedObjectContext> context = managedObjectContext())
         context->releaseMemory();
+    // The listener lets go when its queue comes to this, often after the trim that the idle state
+    // makes: what it frees then would stay with the allocator until the next pass, a minute on.
     postToListener(
         [this] {
             if (const std::shared_ptr<ManagedObjectContext> context = listenerManagedObjectContext())
                 context->releaseMemory();
+            giveBackFreedMemory();
         },
         false);
 }
