@@ -84,9 +84,10 @@ public:
 
     // Faults for the next `count` requests of `command` (LOGIN ... INFO, UPLOAD, DOWNLOAD, UPDATE,
     // PACKAGE, or "*" for any).
-    // Close without a byte of answer, request not carried out. QNetworkAccessManager re-sends such a
-    // request up to 3 times by itself, and each re-send takes a count: drop 4 to fail one call of a
-    // client whose connection had just answered successfully; cutReplies fails exactly one call.
+    // Close without a byte of answer, request not carried out. Clients send such a request again by
+    // themselves, and each re-send takes a count: the network access manager up to 3 times (drop 4
+    // to fail one call of a client whose connection had just answered), a worker thread's direct
+    // exchange once when it went out on a kept connection. cutReplies fails exactly one call.
     void dropReplies(const QString &command, int count = 1);
     // Not carried out; the answer breaks off after its head, so no client re-sends it.
     void cutReplies(const QString &command, int count = 1);
