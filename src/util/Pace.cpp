@@ -9,17 +9,18 @@
 #include <limits>
 
 namespace {
-// A valid factor from the environment, or `fallback`.
-double readFactor(const char *name, double fallback)
+// A valid factor from the environment (zero only where `zeroAllowed`), or `fallback`.
+double readFactor(const char *name, double fallback, bool zeroAllowed = false)
 {
     bool ok = false;
     const double value = qEnvironmentVariable(name).toDouble(&ok);
-    return (ok && value > 0 && std::isfinite(value)) ? value : fallback;
+    return (ok && std::isfinite(value) && (value > 0 || (zeroAllowed && value == 0))) ? value : fallback;
 }
 
+// 0: no pauses at all, timers at their real rates (unless the timer factor says otherwise).
 std::atomic<double> &factor()
 {
-    static std::atomic<double> value{readFactor("FERROVANE_TIME_SCALE", 1.0)};
+    static std::atomic<double> value{readFactor("FERROVANE_TIME_SCALE", 1.0, true)};
     return value;
 }
 
@@ -67,14 +68,17 @@ double scale()
 
 void setScale(double value)
 {
-    if (value > 0 && std::isfinite(value))
+    if (value >= 0 && std::isfinite(value))
         factor() = value;
 }
 
 double timerScale()
 {
     const double timers = timerFactor().load();
-    return timers > 0 ? timers : scale();
+    if (timers > 0)
+        return timers;
+    const double pauses = scale();
+    return pauses > 0 ? pauses : 1.0; // a timer of no interval would spin
 }
 
 void setTimerScale(double value)
@@ -89,10 +93,17 @@ int ms(qint64 milliseconds)
 
 void sleep(qint64 milliseconds)
 {
-    const int pause = scaled(milliseconds, scale());
-    if (pause <= 0)
+    if (milliseconds <= 0)
         return;
     Account &a = account();
+    const double by = scale();
+    if (by == 0) {
+        // Skipped, but counted: a measurement still sees how many rests the work had.
+        QMutexLocker lock(&a.lock);
+        ++a.pauses;
+        return;
+    }
+    const int pause = scaled(milliseconds, by);
     {
         QMutexLocker lock(&a.lock);
         ++a.pauses;

@@ -58,6 +58,25 @@ TEST(Pace, ATimerFactorScalesIntervalsButNotPauses)
     Pace::setScale(old);
 }
 
+TEST(Pace, AZeroScaleSkipsPausesButCountsThemAndKeepsTimersAtTheirRates)
+{
+    const double old = Pace::scale();
+    Pace::setScale(0);
+    EXPECT_EQ(Pace::ms(60000), 60000); // an interval of nothing would spin
+    const Pace::Spent before = Pace::spent();
+    QElapsedTimer wall;
+    wall.start();
+    for (int i = 0; i < 50; ++i)
+        Pace::sleep(1000);
+    EXPECT_LT(wall.elapsed(), 40);
+    EXPECT_EQ(Pace::spent().pauses - before.pauses, 50);
+    EXPECT_EQ(Pace::spent().pausedNs, before.pausedNs);
+    Pace::setTimerScale(0.5);
+    EXPECT_EQ(Pace::ms(60000), 30000);
+    Pace::setTimerScale(0);
+    Pace::setScale(old);
+}
+
 TEST(Pace, PausesOnSeveralThreadsAtOnceCountOnceInThePausedTime)
 {
     const double old = Pace::scale();
