@@ -144,6 +144,14 @@ bool isDownloadPart(const QString &path)
     return lastPathComponent(path).startsWith(QLatin1String(kDownloadPartPrefix));
 }
 
+bool makeFolder(const QString &path)
+{
+    bool isFolder = false;
+    if (itemExists(path, &isFolder) && isFolder)
+        return true;
+    return QDir().mkpath(path);
+}
+
 bool itemExists(const QString &path, bool *isFolder)
 {
     if (isFolder)

@@ -43,6 +43,9 @@ bool isDownloadPart(const QString &path); // by its last component
 
 // Whether something exists at `path` (a dangling link counts); `isFolder` tells a folder.
 bool itemExists(const QString &path, bool *isFolder = nullptr);
+// Makes the folder (and the folders above it) unless it is there: one look when it is, where
+// QDir::mkpath tries to make it first. False when it is not a folder afterwards.
+bool makeFolder(const QString &path);
 // The item's modification date; invalid when its attributes cannot be read.
 QDateTime modificationDate(const QString &path);
 // Renames without replacing anything at `to`. False with `error` set on failure.

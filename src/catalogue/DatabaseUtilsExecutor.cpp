@@ -749,7 +749,7 @@ bool DatabaseUtils::downloadFileTo(const QString &path, const QString &name, QSt
     if (!CataloguePaths::checkName(name, QStringLiteral("Download")) ||
         !CataloguePaths::checkInside(path, syncFolderPath(), QStringLiteral("Download")))
         return false;
-    QDir().mkpath(CataloguePaths::deletingLastPathComponent(path));
+    CataloguePaths::makeFolder(CataloguePaths::deletingLastPathComponent(path));
     const QString url = hostWithScheme() + QStringLiteral("/%1?do=download&session=%2&key=%3")
                                                .arg(kEndpoint, config(QStringLiteral("kKeySESSTION")), key);
     // Into a part beside the file, which takes the file's place only once complete: a download

@@ -497,7 +497,7 @@ ProcessWindowController::Fetch ProcessWindowController::downloadInto(const QStri
         !CataloguePaths::checkInside(local, root, QStringLiteral("Download")))
         return Fetch::Refused;
     const QString folder = CataloguePaths::deletingLastPathComponent(local);
-    QDir().mkpath(folder);
+    CataloguePaths::makeFolder(folder);
     if (!QFileInfo(folder).isWritable()) {
         FV_LOG(QStringLiteral("Cannot download into %1: the folder cannot be written").arg(folder));
         return Fetch::Refused;

@@ -4,6 +4,7 @@
 #include <QElapsedTimer>
 #include <QMutex>
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -14,13 +15,19 @@ namespace {
 std::atomic<bool> g_verbose{false};
 std::atomic<Log::Sink> g_sink{nullptr};
 
-QString baseName(const char *file)
+// The line in UTF-8, built in one buffer: the engine writes several per file it syncs.
+QByteArray formatBytes(const char *file, const char *function, int line, const QString &message)
 {
     const char *slash = std::strrchr(file, '/');
     const char *start = slash ? slash + 1 : file;
     const char *dot = std::strrchr(start, '.');
-    const qsizetype len = dot ? dot - start : qsizetype(std::strlen(start));
-    return QString::fromUtf8(start, len);
+    const qsizetype baseLength = dot ? dot - start : qsizetype(std::strlen(start));
+    const QByteArray text = message.toUtf8();
+    QByteArray out;
+    out.reserve(baseLength + qsizetype(std::strlen(function)) + text.size() + 32);
+    out.append("[CLASS: ").append(start, baseLength).append(']').append(function);
+    out.append("[LINE: ").append(QByteArray::number(line)).append(']').append(text);
+    return out;
 }
 
 void openSyslogOnce()
@@ -49,26 +56,32 @@ namespace Log {
 
 QString format(const char *file, const char *function, int line, const QString &message)
 {
-    return QStringLiteral("[CLASS: ") + baseName(file) + QStringLiteral("]") + QString::fromUtf8(function) +
-           QStringLiteral("[LINE: ") + QString::number(line) + QStringLiteral("]") + message;
+    return QString::fromUtf8(formatBytes(file, function, line, message));
 }
 
 void write(const char *file, const char *function, int line, const QString &message)
 {
-    const QString text = format(file, function, line, message);
-    const QByteArray bytes = text.toUtf8();
+    QByteArray bytes = formatBytes(file, function, line, message);
     if (systemLogThere()) {
         openSyslogOnce();
         syslog(LOG_INFO, "%s", bytes.constData());
     }
+    if (Sink sink = g_sink.load())
+        sink(QString::fromUtf8(bytes));
     if (g_verbose.load(std::memory_order_relaxed)) {
+        bytes.append('\n');
         static QMutex mutex;
         QMutexLocker lock(&mutex);
-        std::fprintf(stderr, "%s\n", bytes.constData());
-        std::fflush(stderr);
+        std::fflush(stderr); // what stdio still holds goes first
+        for (qsizetype done = 0; done < bytes.size();) {
+            const ssize_t n = ::write(STDERR_FILENO, bytes.constData() + done, size_t(bytes.size() - done));
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0)
+                break; // stderr closed or full: the line is dropped, the program goes on
+            done += n;
+        }
     }
-    if (Sink sink = g_sink.load())
-        sink(text);
 }
 
 void setVerbose(bool verbose)
