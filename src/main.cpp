@@ -96,6 +96,11 @@ QString readPasswordLine()
 
 int main(int argc, char *argv[])
 {
+    // The engine's threads (the worker, the listener queue, the transfers) take the plain event
+    // loop: the GLib one wakes its own thread each time a socket's write watch goes on or off,
+    // twice per request. The main thread keeps GLib, which the desktop's integration wants.
+    if (!qEnvironmentVariableIsSet("QT_NO_THREADED_GLIB"))
+        qputenv("QT_NO_THREADED_GLIB", "1");
     const std::unique_ptr<QCoreApplication> app = createApplication(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("ferrovane"));
     QCoreApplication::setApplicationVersion(QStringLiteral(FERROVANE_VERSION));

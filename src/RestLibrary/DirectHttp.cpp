@@ -217,6 +217,10 @@ private:
     // Sends until no more than `ahead` bytes wait in the socket.
     bool drain(qint64 ahead)
     {
+        // What the kernel takes at once needs no wait (a request head, a small piece): one poll
+        // less per exchange.
+        if (m_socket->bytesToWrite() + m_socket->encryptedBytesToWrite() > ahead)
+            m_socket->flush();
         while (m_socket->bytesToWrite() + m_socket->encryptedBytesToWrite() > ahead) {
             if (!wait(false))
                 return false;

@@ -57,6 +57,9 @@ public slots:
 
 int main(int argc, char **argv)
 {
+    // Its threads take the plain event loop, as the client's do (see the client's main).
+    if (!qEnvironmentVariableIsSet("QT_NO_THREADED_GLIB"))
+        qputenv("QT_NO_THREADED_GLIB", "1");
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(u"ferrovane-daemon"_qs);
     QCoreApplication::setApplicationVersion(QStringLiteral(FERROVANE_VERSION));
