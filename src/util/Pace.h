@@ -23,7 +23,8 @@ void setTimerScale(double factor);
 // A timer interval or polling wait: `milliseconds` times timerScale(), rounded, at least 1 when
 // `milliseconds` > 0.
 int ms(qint64 milliseconds);
-// Blocks the calling thread for `milliseconds` times scale() (rounded, at least 1 ms).
+// Blocks the calling thread for `milliseconds` times scale() (rounded, at least 1 ms); at a scale
+// of 0 it only counts the pause.
 void sleep(qint64 milliseconds);
 
 // The pauses of sleep() so far: how many, and the wall time during which at least one thread was
