@@ -120,7 +120,7 @@ void ProcessWindowController::firstTimeSync()
 
     if (!firstSyncDone) {
         const QString root = path();
-        if (!QFileInfo(root).isDir() && !QDir().mkpath(root))
+        if (!CataloguePaths::makeFolder(root))
             FV_LOG(QStringLiteral("Error create root folder: %1")
                        .arg(QString::fromLocal8Bit(std::strerror(errno))));
         const auto document = syncList->rootElement();
