@@ -82,6 +82,7 @@ private:
     int m_parentWd = -1; // the root's parent, watched only while the root is missing
     QSocketNotifier *m_notifier = nullptr;
     QTimer m_latency;
+    QTimer m_rest; // while it runs, the queue is left to fill: read once when it ends
     QHash<int, QString> m_paths;                  // watch -> folder
     QHash<QString, int> m_wds;                    // folder -> watch
     QHash<std::uint32_t, QString> m_pendingMoves; // folders moved away, partner not seen yet

@@ -1,9 +1,12 @@
 #include "watch/InotifyTreeStream.h"
 
+#include "common/TestUtil.h"
 #include "WatchTestSupport.h"
 
 #include <QDirIterator>
+#include <QSet>
 #include <QTemporaryDir>
+#include <QTest>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -45,6 +48,39 @@ TEST(InotifyTreeStreamWalk, FirstWalkReportsEveryItemOnceWithItsKind)
     seen.sort();
     EXPECT_EQ(seen, expected);
     EXPECT_EQ(stream.watchCount(), 4); // the root, a, a/b, .hidden dir: never through the link
+}
+
+// At the real latency the stream reads a run of changes in rests rather than event by event: a
+// burst larger than one read's buffer is reported whole, and the stream goes back to listening once
+// the run is over, so a change long after it is reported too.
+TEST(InotifyTreeStreamEvents, BurstIsReportedWholeAndALaterChangeStillComes)
+{
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    const QString root = dir.path() + u"/tree"_qs;
+    mkpath(root);
+    QSet<QString> created;
+    InotifyTreeStream stream(root, 200, [&](const FSEventBatch &batch) {
+        for (const FSEventRecord &record : batch)
+            if (record.flags & FSEventFlag::ItemCreated)
+                created.insert(record.path);
+    });
+    ASSERT_TRUE(stream.start());
+
+    QSet<QString> expected;
+    for (int i = 0; i < 3000; ++i) {
+        const QString path = root + u"/file %1 with a long enough name"_qs.arg(i);
+        write(path);
+        expected.insert(path);
+    }
+    EXPECT_TRUE(TestUtil::waitFor([&] { return created == expected; }, 10000))
+        << created.size() << " of " << expected.size();
+
+    // Well past the rest and a batch: the stream listens again.
+    QTest::qWait(300);
+    const QString late = root + u"/late"_qs;
+    write(late);
+    EXPECT_TRUE(TestUtil::waitFor([&] { return created.contains(late); }, 5000));
 }
 
 } // namespace
