@@ -264,11 +264,10 @@ bool DownloadFile::downloadFileFromURL(const QString &url, const QString &savePa
             m_md5Str.clear();
         } else {
             m_md5Str = digest;
-            const QByteArray nativePath = QFile::encodeName(savePath);
-            struct stat info;
-            if (m_time.isValid() && ::stat(nativePath.constData(), &info) == 0) {
+            if (m_time.isValid()) {
                 // Both dates become the server's time; Linux keeps no settable creation date, so
-                // the modification (and access) time carry it.
+                // the modification (and access) time carry it. A file gone meanwhile fails here.
+                const QByteArray nativePath = QFile::encodeName(savePath);
                 const qint64 ms = m_time.toMSecsSinceEpoch();
                 struct timespec times[2];
                 times[0].tv_sec = times[1].tv_sec = time_t(ms / 1000);
