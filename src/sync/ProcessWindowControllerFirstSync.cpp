@@ -301,6 +301,13 @@ void ProcessWindowController::folderUtilHasItemAtPath(FolderUtil *util, const QS
             FV_LOG(QStringLiteral("Removed the part of a download cut short: %1").arg(path));
         return;
     }
+    // A file fetched moments ago and untouched since is the download's own: the listener would
+    // drop its report, so the rescan does not wait for the queue to say so (after a first sync,
+    // that is every file, and the two thread switches per file were most of the rescan's time).
+    if (!isFolder && db()->isAsDownloaded(path)) {
+        FV_LOG(QStringLiteral("File was add: %1").arg(path));
+        return;
+    }
     runOnListenerAndWait([&] {
         if (isFolder)
             directoryWasAdded(path);
