@@ -175,9 +175,10 @@ public:
     // What the server holds under `key` (INFO, one try): its fields as getInfomationOfItemWithKey
     // gives them, empty when it knows no such item, nullopt when no readable answer came.
     std::optional<QStringList> serverItem(const QString &key);
-    // Fetches one file into `path` (blocking; worker threads only). `md5_p` receives the digest.
+    // Fetches one file into `path` (blocking; worker threads only). `md5_p` receives the digest,
+    // `size_p` the size of the file put in place.
     bool downloadFileTo(const QString &path, const QString &name, QString *md5_p, const QString &key,
-                        const QString &serverTime);
+                        const QString &serverTime, qint64 *size_p = nullptr);
     bool downloadTask(const FilePtr &task, const ContextPtr &context);
     // Whether `path` is still exactly as a download of the last minute left it (same inode, size,
     // modification and change times): the watcher's report of it, or a rescan finding it, is then
@@ -333,7 +334,8 @@ private:
         qint64 at = 0; // m_stampClock's milliseconds when taken
     };
     static std::optional<FileStamp> stampOf(const QString &path);
-    void rememberDownload(const QString &path);
+    // The file's size as found (-1 when it is gone).
+    qint64 rememberDownload(const QString &path);
     void sweepStamps(qint64 now); // m_stampLock held
     std::mutex m_stampLock;
     QHash<QString, FileStamp> m_downloaded; // path -> the file as its download left it

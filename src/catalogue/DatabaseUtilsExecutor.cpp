@@ -744,7 +744,7 @@ int DatabaseUtils::moveTask(const TaskPtr &task, const ContextPtr &context)
 // --- Downloads for the server side of synchronisation ---
 
 bool DatabaseUtils::downloadFileTo(const QString &path, const QString &name, QString *md5_p,
-                                   const QString &key, const QString &serverTime)
+                                   const QString &key, const QString &serverTime, qint64 *size_p)
 {
     if (!CataloguePaths::checkName(name, QStringLiteral("Download")) ||
         !CataloguePaths::checkInside(path, syncFolderPath(), QStringLiteral("Download")))
@@ -766,7 +766,9 @@ bool DatabaseUtils::downloadFileTo(const QString &path, const QString &name, QSt
     if (!ok) {
         QFile::remove(part);
     } else {
-        rememberDownload(path);
+        const qint64 size = rememberDownload(path);
+        if (size_p)
+            *size_p = size;
         if (md5_p && !digest.isEmpty())
             *md5_p = digest;
     }
@@ -793,7 +795,7 @@ std::optional<DatabaseUtils::FileStamp> DatabaseUtils::stampOf(const QString &pa
     return stamp;
 }
 
-void DatabaseUtils::rememberDownload(const QString &path)
+qint64 DatabaseUtils::rememberDownload(const QString &path)
 {
     std::optional<FileStamp> stamp = stampOf(path);
     std::lock_guard lock(m_stampLock);
@@ -805,10 +807,11 @@ void DatabaseUtils::rememberDownload(const QString &path)
         sweepStamps(now);
     if (!stamp) {
         m_downloaded.remove(path);
-        return;
+        return -1;
     }
     stamp->at = now;
     m_downloaded.insert(path, *stamp);
+    return stamp->size;
 }
 
 void DatabaseUtils::sweepStamps(qint64 now)

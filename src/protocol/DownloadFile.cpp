@@ -24,7 +24,7 @@ constexpr qint64 kReadBufferSize = 256 * 1024;
 bool openOutputFile(QFile &file, const QString &path)
 {
     file.setFileName(path);
-    if (!file.open(QIODevice::ReadWrite | QIODevice::Unbuffered) || !file.seek(0)) {
+    if (!file.open(QIODevice::ReadWrite | QIODevice::Unbuffered)) {
         FV_LOG(QStringLiteral("Fail: cannot write %1: %2").arg(path, file.errorString()));
         return false;
     }

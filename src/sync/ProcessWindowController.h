@@ -267,8 +267,9 @@ private:
     enum class Fetch { Done, Refused, Failed };
     // Fetches a file of `size` bytes into `local`. The bytes go to a hidden file beside it, which
     // takes the name only once complete: a failed or cut-off fetch leaves nothing under the name.
+    // `fetchedSize` receives the size of the file put in place.
     Fetch downloadInto(const QString &local, const QString &name, qint64 size, QString *md5,
-                       const QString &key, const QString &serverTime);
+                       const QString &key, const QString &serverTime, qint64 *fetchedSize = nullptr);
     // Tells the user, once until it is resolved, that `local` does not fit on its disk.
     void reportNoSpace(const QString &local, qint64 size, qint64 available);
     // Worker: fetches again the files of the first synchronisation that could not be fetched;

@@ -22,6 +22,7 @@
 #include <cstdio>
 #include <cstring>
 #include <sys/statvfs.h>
+#include <unistd.h>
 
 using namespace EngineDetail;
 
@@ -445,10 +446,11 @@ void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLE
     name = CataloguePaths::nameAsSpelled(name, local);
     FilePtr row = utils->getFileWithKey(key, context);
 
+    qint64 fetchedSize = -1;
     const bool download = !CataloguePaths::itemExists(local) ||
                           utils->checkFileIsModifierWithPath(local, time, md5) != DatabaseUtils::Unchanged;
     if (download) {
-        const Fetch fetched = downloadInto(local, name, size.toLongLong(), &md5, key, time);
+        const Fetch fetched = downloadInto(local, name, size.toLongLong(), &md5, key, time, &fetchedSize);
         DatabaseUtils::postLogFromServer(LogObject::createLogObjectWithName(
             name, DatabaseUtils::localizedString(QStringLiteral("work_add")), size.toLongLong(),
             CataloguePaths::relativePath(local, root), false, utils->serverTimeToLocalTimeStr(time),
@@ -475,7 +477,7 @@ void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLE
     row->setTime(time);
     // What was fetched may be a later version than the listing's (edited again meanwhile): its
     // size goes with its MD5.
-    row->setSize(download ? QString::number(QFileInfo(local).size()) : size);
+    row->setSize(download ? QString::number(std::max<qint64>(fetchedSize, 0)) : size);
     row->setKey(key);
     row->setPkey(pkey);
     row->setPath(local);
@@ -496,7 +498,8 @@ void ProcessWindowController::saveWalkRows(const std::shared_ptr<ManagedObjectCo
 ProcessWindowController::Fetch ProcessWindowController::downloadInto(const QString &local,
                                                                      const QString &name, qint64 size,
                                                                      QString *md5, const QString &key,
-                                                                     const QString &serverTime)
+                                                                     const QString &serverTime,
+                                                                     qint64 *fetchedSize)
 {
     const std::shared_ptr<DatabaseUtils> utils = db();
     const QString root = path();
@@ -504,10 +507,13 @@ ProcessWindowController::Fetch ProcessWindowController::downloadInto(const QStri
         !CataloguePaths::checkInside(local, root, QStringLiteral("Download")))
         return Fetch::Refused;
     const QString folder = CataloguePaths::deletingLastPathComponent(local);
-    CataloguePaths::makeFolder(folder);
-    if (!QFileInfo(folder).isWritable()) {
-        FV_LOG(QStringLiteral("Cannot download into %1: the folder cannot be written").arg(folder));
-        return Fetch::Refused;
+    // Mostly the folder is there and can be written, which one look says; it is made otherwise.
+    if (::access(QFile::encodeName(folder).constData(), W_OK) != 0) {
+        CataloguePaths::makeFolder(folder);
+        if (!QFileInfo(folder).isWritable()) {
+            FV_LOG(QStringLiteral("Cannot download into %1: the folder cannot be written").arg(folder));
+            return Fetch::Refused;
+        }
     }
     // What cannot fit is not fetched at all: a full disk is said once, and tried again later.
     // statvfs, not QStorageInfo: that one reads the whole mount table each time, for every file.
@@ -527,7 +533,7 @@ ProcessWindowController::Fetch ProcessWindowController::downloadInto(const QStri
     // the way is asked for again a few times, a second apart, before the file is given up for now.
     QString digest;
     for (int attempt = 1;; ++attempt) {
-        if (utils->downloadFileTo(local, name, &digest, key, serverTime))
+        if (utils->downloadFileTo(local, name, &digest, key, serverTime, fetchedSize))
             break;
         if (const qint64 free = available(); size > 0 && free >= 0 && free < size) {
             reportNoSpace(local, size, free);

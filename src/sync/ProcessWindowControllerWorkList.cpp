@@ -357,8 +357,9 @@ void ProcessWindowController::applyTask(const ProcessTask &task,
                 return;
         }
         QString md5 = record.at(DatabaseUtils::ItemMd5);
-        const Fetch fetched =
-            downloadInto(local, name, record.at(DatabaseUtils::ItemSize).toLongLong(), &md5, key, time);
+        qint64 fetchedBytes = -1;
+        const Fetch fetched = downloadInto(local, name, record.at(DatabaseUtils::ItemSize).toLongLong(), &md5,
+                                           key, time, &fetchedBytes);
         if (fetched == Fetch::Failed) {
             // Not applied: the pass ends here and the next one asks for this change again. A file the
             // server never delivers is given up after a few passes rather than kept blocking the
@@ -385,7 +386,7 @@ void ProcessWindowController::applyTask(const ProcessTask &task,
         // second is then never fetched, and the copy could be sent back over it. The size is that
         // of what was fetched.
         if (const FilePtr row = utils->getFileWithKey(key, context)) {
-            const QString fetchedSize = QString::number(QFileInfo(local).size());
+            const QString fetchedSize = QString::number(std::max<qint64>(fetchedBytes, 0));
             if (row->size() != fetchedSize) {
                 row->setSize(fetchedSize);
                 FvError error;
