@@ -12,6 +12,16 @@ struct Md5Digest::Context
     ~Context() { EVP_MD_CTX_free(ctx); }
 };
 
+namespace {
+// The algorithm is looked up once: looked up by each start (the implicit lookup of EVP_md5()), it
+// cost more than digesting a small file. Null when the library context has no MD5.
+const EVP_MD *md5Algorithm()
+{
+    static EVP_MD *const algorithm = EVP_MD_fetch(nullptr, "MD5", nullptr);
+    return algorithm;
+}
+} // namespace
+
 Md5Digest::Md5Digest() : m_context(std::make_unique<Context>())
 {
     reset();
@@ -21,7 +31,9 @@ Md5Digest::~Md5Digest() = default;
 
 void Md5Digest::reset()
 {
-    m_context->usable = m_context->ctx && EVP_DigestInit_ex(m_context->ctx, EVP_md5(), nullptr) == 1;
+    const EVP_MD *algorithm = md5Algorithm();
+    m_context->usable =
+        m_context->ctx && algorithm && EVP_DigestInit_ex(m_context->ctx, algorithm, nullptr) == 1;
     m_context->fallback.reset();
 }
 
