@@ -319,7 +319,19 @@ private:
     // The task the executor is carrying out (0: none). An upload under way has read, or is reading,
     // the file: a change of it reported meanwhile is not covered by that task.
     std::atomic<qint64> m_taskUnderWay{0};
-    std::recursive_mutex m_timeLock; // guards the lazily made time-zone state
+    std::recursive_mutex m_timeLock; // guards the lazily made time-zone state and the memo below
+    // The last server time converted, with the zones it was converted between: an item's time is
+    // converted for its log line, its date and its row, one after the other.
+    struct TimeMemo
+    {
+        QString serverTime;
+        QTimeZone serverZone;
+        QTimeZone localZone;
+        QString localText;
+        std::optional<QDateTime> localDate; // read back when first asked for
+    };
+    std::optional<TimeMemo> m_timeMemo;
+    TimeMemo &convertedTime(const QString &serverTime); // m_timeLock held, zones made
     std::mutex m_runnerLock;
     QPointer<QObject> m_runner; // lives on syncThread; receives the queued task runs
     std::mutex m_transportLock;

@@ -158,19 +158,32 @@ QString DatabaseUtils::localTimeFromDate(const QDateTime &date)
     return serverTimeToLocalTimeStr(localTimeToServerTime(date));
 }
 
+DatabaseUtils::TimeMemo &DatabaseUtils::convertedTime(const QString &serverTime)
+{
+    if (!m_timeMemo || m_timeMemo->serverTime != serverTime || m_timeMemo->serverZone != *m_serverTimeZone ||
+        m_timeMemo->localZone != *m_localTimeZone) {
+        m_timeMemo = TimeMemo{serverTime, *m_serverTimeZone, *m_localTimeZone,
+                              written(parsed(serverTime, *m_serverTimeZone), *m_localTimeZone), std::nullopt};
+    }
+    return *m_timeMemo;
+}
+
 QString DatabaseUtils::serverTimeToLocalTimeStr(const QString &serverTime)
 {
     createDateFormat();
     std::lock_guard lock(m_timeLock);
-    return written(parsed(serverTime, *m_serverTimeZone), *m_localTimeZone);
+    return convertedTime(serverTime).localText;
 }
 
 QDateTime DatabaseUtils::serverTimeToLocalTime(const QString &serverTime)
 {
-    const QString local = serverTimeToLocalTimeStr(serverTime);
+    createDateFormat();
     std::lock_guard lock(m_timeLock);
+    TimeMemo &converted = convertedTime(serverTime);
     // Read back in the local zone: only whole seconds survive the round trip.
-    return parsed(local, *m_localTimeZone);
+    if (!converted.localDate)
+        converted.localDate = parsed(converted.localText, *m_localTimeZone);
+    return *converted.localDate;
 }
 
 QString DatabaseUtils::serverTimeOfFileAtPath(const QString &path)

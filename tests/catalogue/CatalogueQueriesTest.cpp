@@ -354,6 +354,14 @@ TEST_F(CatalogueQueriesTest, ConversionsBetweenServerAndLocalTime)
         EXPECT_FALSE(db->serverTimeToLocalTime(QString::fromLatin1(garbage)).isValid()) << garbage;
         EXPECT_TRUE(db->serverTimeToLocalTimeStr(QString::fromLatin1(garbage)).isEmpty()) << garbage;
     }
+    // The same time asked again once either zone has changed is converted again.
+    db->setServerTimeZone(QTimeZone(0));
+    EXPECT_EQ(db->serverTimeToLocalTime(QStringLiteral("20231115071320")).toSecsSinceEpoch(), 1700032400);
+    db->setLocalTimeZone(QTimeZone(3600));
+    EXPECT_EQ(db->serverTimeToLocalTimeStr(QStringLiteral("20231115071320")), u"20231115081320");
+    EXPECT_EQ(db->serverTimeToLocalTime(QStringLiteral("20231115071320")).toSecsSinceEpoch(), 1700032400);
+    db->setServerTimeZone(QTimeZone(9 * 3600));
+    db->setLocalTimeZone(QTimeZone::systemTimeZone());
 
     const QString file = at(QStringLiteral("f.txt"));
     ASSERT_TRUE(TestUtil::writeFile(file, "x"));
