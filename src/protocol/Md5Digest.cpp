@@ -14,7 +14,7 @@ struct Md5Digest::Context
 
 namespace {
 // The algorithm is looked up once: looked up by each start (the implicit lookup of EVP_md5()), it
-// cost more than digesting a small file. Null when the library context has no MD5.
+// was a sizeable share of the cost of digesting a 4 KiB file. Null when the library context has no MD5.
 const EVP_MD *md5Algorithm()
 {
     static EVP_MD *const algorithm = EVP_MD_fetch(nullptr, "MD5", nullptr);
