@@ -495,11 +495,9 @@ void ProcessWindowController::saveWalkRows(const std::shared_ptr<ManagedObjectCo
         FV_LOG(QStringLiteral("%1").arg(error.toString()));
 }
 
-ProcessWindowController::Fetch ProcessWindowController::downloadInto(const QString &local,
-                                                                     const QString &name, qint64 size,
-                                                                     QString *md5, const QString &key,
-                                                                     const QString &serverTime,
-                                                                     qint64 *fetchedSize)
+ProcessWindowController::Fetch
+ProcessWindowController::downloadInto(const QString &local, const QString &name, qint64 size, QString *md5,
+                                      const QString &key, const QString &serverTime, qint64 *fetchedSize)
 {
     const std::shared_ptr<DatabaseUtils> utils = db();
     const QString root = path();
