@@ -47,7 +47,8 @@ bool threadCanKeep()
         return false;
     if (!t_kept.dropAtThreadEnd) {
         t_kept.dropAtThreadEnd = true;
-        QObject::connect(thread, &QThread::finished, thread, [] { t_kept.drop(); }, Qt::DirectConnection);
+        QObject::connect(
+            thread, &QThread::finished, thread, [] { t_kept.drop(); }, Qt::DirectConnection);
     }
     return true;
 }
@@ -320,7 +321,7 @@ private:
     // Moves up to `limit` available bytes into the receiver; false when it refused them.
     bool pass(qint64 limit, qint64 *moved)
     {
-        qint64 capacity = 0;
+        qint64 capacity = limit;
         char *buffer = m_receiver.buffer(&capacity);
         const qint64 got = m_socket->read(buffer, qMin(qMin(capacity, kPieceBytes * 4), limit));
         *moved = qMax<qint64>(got, 0);
@@ -382,7 +383,7 @@ private:
             if (wait(true))
                 continue;
             if (m_socket->state() == QAbstractSocket::ConnectedState)
-                return false; // cancelled or timed out
+                return false;  // cancelled or timed out
             m_answer = m_head; // closed: the body is complete
             while (m_socket->bytesAvailable() > 0) {
                 qint64 moved = 0;
@@ -396,9 +397,9 @@ private:
     End finish(bool canKeep)
     {
         if (m_answer.status >= 400)
-            m_answer.error = makeError(statusCode(m_answer.status),
-                                       QStringLiteral("Error transferring %1 - server replied: %2")
-                                           .arg(m_url, m_reason));
+            m_answer.error =
+                makeError(statusCode(m_answer.status),
+                          QStringLiteral("Error transferring %1 - server replied: %2").arg(m_url, m_reason));
         const bool close = header("connection").toLower().contains("close") ||
                            (m_http10 && !header("connection").toLower().contains("keep-alive"));
         return canKeep && !close && m_socket->bytesAvailable() == 0 ? End::Kept : End::Closed;
@@ -495,7 +496,8 @@ Answer exchange(const RestRequest &request, BodyReceiver &receiver, BodySource *
         answer = Answer();
         if (attempt > 0 && source && !source->rewind()) {
             answer.transportFailure = true;
-            answer.error = makeError(QNetworkReply::UnknownContentError, QStringLiteral("the body could not be read again"));
+            answer.error = makeError(QNetworkReply::UnknownContentError,
+                                     QStringLiteral("the body could not be read again"));
             return answer;
         }
         std::unique_ptr<QSslSocket> socket = takeKept(peer);

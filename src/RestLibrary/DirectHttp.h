@@ -30,7 +30,8 @@ class BodyReceiver
 {
 public:
     virtual ~BodyReceiver() = default;
-    // A buffer to read the next piece into, and its capacity.
+    // A buffer to read the next piece into, and its capacity. On entry *capacity holds the bytes
+    // the piece may have at most (what is left of the body or its chunk, or what has come).
     virtual char *buffer(qint64 *capacity);
     // The first `size` bytes of that buffer hold the next piece; false stops the exchange (the
     // connection is dropped, the answer counts as failed).

@@ -20,17 +20,24 @@ BackgroundDigest::~BackgroundDigest()
     m_thread.join();
 }
 
-QByteArray &BackgroundDigest::nextBuffer()
+QByteArray &BackgroundDigest::nextBuffer(qsizetype wanted)
 {
+    constexpr qsizetype kSmallest = 4096;
+    const qsizetype size =
+        wanted < 0 ? m_bufferSize : qBound(qMin(kSmallest, m_bufferSize), wanted, m_bufferSize);
     std::unique_lock lock(m_mutex);
     if (m_current < 0) {
         if (m_free.empty() && m_buffers.size() < (m_thread.joinable() ? std::size_t(kBuffers) : 1)) {
-            m_buffers.emplace_back(m_bufferSize, Qt::Uninitialized);
+            m_buffers.emplace_back(size, Qt::Uninitialized);
             m_free.push_back(int(m_buffers.size()) - 1);
         }
         m_changed.wait(lock, [this] { return !m_free.empty(); });
         m_current = m_free.back();
         m_free.pop_back();
+        // A buffer made for a small piece grows when a larger one comes (it is free here).
+        QByteArray &buffer = m_buffers[std::size_t(m_current)];
+        if (buffer.size() < size)
+            buffer.resize(size);
     }
     return m_buffers[std::size_t(m_current)];
 }

@@ -34,8 +34,10 @@ public:
     BackgroundDigest(const BackgroundDigest &) = delete;
     BackgroundDigest &operator=(const BackgroundDigest &) = delete;
 
-    // The buffer (of bufferSize bytes) to fill with the next piece; the same one until submitted.
-    QByteArray &nextBuffer();
+    // The buffer to fill with the next piece; the same one until submitted. It holds bufferSize
+    // bytes, or `wanted` (at least 4 KiB) when fewer are expected: a small file then costs a small
+    // allocation, not a quarter of a megabyte that the allocator gives back and asks for again.
+    QByteArray &nextBuffer(qsizetype wanted = -1);
     // Hands the first `size` bytes of that buffer to the digest.
     void submit(qsizetype size);
     // Waits for the pieces submitted so far and starts the digest over.
@@ -49,8 +51,8 @@ private:
     void waitIdle(std::unique_lock<std::mutex> &lock);
 
     const qsizetype m_bufferSize;
-    qsizetype m_inlineLeft; // bytes still hashed here before the thread takes over
-    std::vector<QByteArray> m_buffers; // made as needed, up to kBuffers (reserved: never moved)
+    qsizetype m_inlineLeft;              // bytes still hashed here before the thread takes over
+    std::vector<QByteArray> m_buffers;   // made as needed, up to kBuffers (reserved: never moved)
     std::unique_ptr<Md5Digest> m_digest; // used by the hashing thread, and here while it is idle
     std::mutex m_mutex;
     std::condition_variable m_changed;

@@ -10,9 +10,12 @@
 #include <QFileInfo>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
+#include <cerrno>
+#include <cstring>
 #include <exception>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 // Bytes the manager may hold for us before it stops reading the socket; also our chunk size.
@@ -31,15 +34,20 @@ bool openOutputFile(QFile &file, const QString &path)
     return true;
 }
 
-// A download made on the calling thread: the body is written and hashed as it comes.
+// A download made on the calling thread: the body is written and hashed as it comes. The file is
+// written through its descriptor: a stream object around it costs more than the few system calls
+// of a small file.
 class DirectDownload final : public DirectHttp::BodyReceiver
 {
 public:
     explicit DirectDownload(QString savePath) : m_savePath(std::move(savePath)), m_digest(kReadBufferSize) {}
+    ~DirectDownload() override { closeFile(); }
+    DirectDownload(const DirectDownload &) = delete;
+    DirectDownload &operator=(const DirectDownload &) = delete;
 
     char *buffer(qint64 *capacity) override
     {
-        QByteArray &piece = m_digest.nextBuffer();
+        QByteArray &piece = m_digest.nextBuffer(*capacity);
         *capacity = piece.size();
         return piece.data();
     }
@@ -48,19 +56,35 @@ public:
     {
         if (!ensureOpen())
             return false;
-        if (m_file.write(m_digest.nextBuffer().constData(), size) != size) {
-            FV_LOG(QStringLiteral("Fail: write to %1: %2").arg(m_savePath, m_file.errorString()));
-            m_failed = true;
-            return false;
+        const char *data = m_digest.nextBuffer().constData();
+        for (qint64 done = 0; done < size;) {
+            const ssize_t n = ::write(m_fd, data + done, size_t(size - done));
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0) {
+                FV_LOG(QStringLiteral("Fail: write to %1: %2")
+                           .arg(m_savePath, errnoText(n < 0 ? errno : ENOSPC)));
+                m_failed = true;
+                return false;
+            }
+            done += n;
         }
         m_digest.submit(size);
         return true;
     }
 
+    // Creates the output when missing, never truncates it: a longer old file keeps its tail.
     bool ensureOpen()
     {
-        if (!m_file.isOpen() && !m_failed)
-            m_failed = !openOutputFile(m_file, m_savePath);
+        if (m_fd < 0 && !m_failed) {
+            do
+                m_fd = ::open(QFile::encodeName(m_savePath).constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+            while (m_fd < 0 && errno == EINTR);
+            if (m_fd < 0) {
+                FV_LOG(QStringLiteral("Fail: cannot write %1: %2").arg(m_savePath, errnoText(errno)));
+                m_failed = true;
+            }
+        }
         return !m_failed;
     }
 
@@ -79,15 +103,23 @@ public:
             ok = false;
         if (ok)
             FV_LOG(QStringLiteral("Finish!"));
-        m_file.close();
+        closeFile();
         return ok;
     }
 
     QString md5() { return m_digest.hexResult(); }
 
 private:
+    static QString errnoText(int error) { return QString::fromLocal8Bit(std::strerror(error)); }
+    void closeFile()
+    {
+        if (m_fd >= 0)
+            ::close(m_fd); // written data is in the page cache already; close reports nothing more
+        m_fd = -1;
+    }
+
     QString m_savePath;
-    QFile m_file;
+    int m_fd = -1;
     BackgroundDigest m_digest;
     bool m_failed = false;
 };

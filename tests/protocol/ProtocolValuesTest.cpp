@@ -33,19 +33,25 @@ TEST(FileDigest, MatchesAcrossChunkBoundariesAndHandlesEmptyAndMissingFiles)
 
 // Many more pieces than buffers, of every size up to a whole buffer: the digest is the stream's, in
 // order, whatever the hashing thread was doing, across the hand-over from hashing in place (the
-// first 20 KiB) to the thread; a reset starts over once the earlier pieces are in.
+// first 20 KiB) to the thread; a reset starts over once the earlier pieces are in. A piece announced
+// as small gets a buffer of its size (4 KiB at least), which grows when a larger piece reuses it.
 TEST(BackgroundDigest, HashesPiecesInOrderThroughItsFewBuffersAndStartsOverOnReset)
 {
-    constexpr qsizetype kBuffer = 4096;
+    constexpr qsizetype kBuffer = 16 * 1024;
     BackgroundDigest digest(kBuffer, 20 * 1024);
     EXPECT_EQ(digest.hexResult(), QStringLiteral("d41d8cd98f00b204e9800998ecf8427e"));
 
     auto *random = QRandomGenerator::global();
     auto feed = [&](int pieces, QCryptographicHash *expected) {
         for (int i = 0; i < pieces; ++i) {
-            QByteArray &buffer = digest.nextBuffer();
-            ASSERT_EQ(buffer.size(), kBuffer);
-            const qsizetype size = qsizetype(random->bounded(int(kBuffer) + 1));
+            const qsizetype wanted =
+                random->bounded(3) == 0 ? -1 : qsizetype(random->bounded(int(kBuffer) * 2));
+            const qsizetype least = wanted < 0 ? kBuffer : qBound<qsizetype>(4096, wanted, kBuffer);
+            QByteArray &buffer = digest.nextBuffer(wanted);
+            ASSERT_GE(buffer.size(), least);
+            ASSERT_LE(buffer.size(), kBuffer);
+            ASSERT_EQ(&digest.nextBuffer(), &buffer); // the same one until submitted
+            const qsizetype size = qsizetype(random->bounded(int(least) + 1));
             for (qsizetype b = 0; b < size; ++b)
                 buffer[b] = char(random->bounded(256));
             expected->addData(QByteArrayView(buffer.constData(), size));
