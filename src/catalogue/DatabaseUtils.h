@@ -134,7 +134,10 @@ public:
     bool insertDir(const QStringList &record, const ContextPtr &context);
     bool insertDirNoCreate(const QStringList &record, const ContextPtr &context);
     bool insertFile(const QStringList &record);
-    bool insertFile(const QStringList &record, const ContextPtr &context);
+    // `uploadDone`, when given, is set on the row in the same save: an upload's row and its state
+    // are one change (one commit, and never the one without the other).
+    bool insertFile(const QStringList &record, const ContextPtr &context,
+                    std::optional<bool> uploadDone = std::nullopt);
     void deleteDirectory(const QString &key);
     void deleteDirectory(const QString &key, const ContextPtr &context);
     void deleteFile(const QString &key);

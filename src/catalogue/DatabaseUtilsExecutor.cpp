@@ -467,21 +467,13 @@ int DatabaseUtils::uploadFile(const TaskPtr &task, const ContextPtr &context)
     // again during the upload (even in the same second) then differs from it and goes again, and
     // a second report of the same write finds nothing new while the upload runs or waits.
     fields[ItemMd5] = UploadFile::getMD5OfFileAtPath(path);
-    if (!insertFile(fields, context))
+    if (!insertFile(fields, context, false))
         return kErrorReadXml;
-    if (const FilePtr row = getFileWithKey(key, context)) {
-        row->setUploadDone(false);
-        saveContext(context, QStringLiteral("%1"));
-    }
     const QString status = UploadFile::uploadFileWithKey(key, path, url, 0, serverTime);
     if (status == u"done") {
         FV_LOG(QStringLiteral("Upload complete: %1").arg(name));
-        if (!insertFile(fields, context))
+        if (!insertFile(fields, context, true))
             return kErrorReadXml;
-        if (const FilePtr row = getFileWithKey(key, context)) {
-            row->setUploadDone(true);
-            saveContext(context, QStringLiteral("%1"));
-        }
         notifyUser(QStringLiteral("upload_complete"), QStringLiteral("file"), name);
         postLogFromSync(LogObject::createLogObjectWithName(name, localizedString(QStringLiteral("work_add")),
                                                            size, relative, false, now, QString(), true));

@@ -132,15 +132,24 @@ bool DatabaseUtils::insertFile(const QStringList &record)
     return insertFile(record, mainContext());
 }
 
-bool DatabaseUtils::insertFile(const QStringList &record, const ContextPtr &context)
+bool DatabaseUtils::insertFile(const QStringList &record, const ContextPtr &context,
+                               std::optional<bool> uploadDone)
 {
-    if (!context || !isInsertable(record, false, context))
+    if (!context)
         return true;
+    const QString key = field(record, ItemKey);
+    if (!isInsertable(record, false, context)) {
+        // Nothing is recorded; a row that is there still takes the upload's state.
+        if (const FilePtr row = uploadDone ? getFileWithKey(key, context) : nullptr) {
+            row->setUploadDone(*uploadDone);
+            saveContext(context, QStringLiteral("%1"));
+        }
+        return true;
+    }
     const QString path = field(record, ItemPath);
     // Made unconditionally; where the file already is, this does nothing.
     QDir().mkpath(path);
 
-    const QString key = field(record, ItemKey);
     FilePtr row = getFileWithKey(key, context);
     const bool isNew = !row;
     if (isNew)
@@ -167,6 +176,8 @@ bool DatabaseUtils::insertFile(const QStringList &record, const ContextPtr &cont
         if (!info->value(3).isNull())
             row->setSize(info->value(3));
     }
+    if (uploadDone)
+        row->setUploadDone(*uploadDone);
     saveContext(context, QStringLiteral("%1"));
     return true;
 }
