@@ -110,6 +110,10 @@ public:
     DirectoryPtr getDirectoryWithKey(const QString &key, const ContextPtr &context);
     FilePtr getFileWithKey(const QString &key);
     FilePtr getFileWithKey(const QString &key, const ContextPtr &context);
+    // What getFileWithKey gives for each of the keys, looked up a few keys to a query: each key
+    // maps to its row, or to null when there is none. Keys with a wildcard are left out (the
+    // caller asks getFileWithKey for those).
+    QHash<QString, FilePtr> getFilesWithKeys(const QStringList &keys, const ContextPtr &context);
     DirectoryPtr getDirectoryWithPath(const QString &path);
     DirectoryPtr getDirectoryWithPath(const QString &path, const ContextPtr &context);
     FilePtr getFileWithPath(const QString &path);

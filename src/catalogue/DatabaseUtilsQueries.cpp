@@ -133,6 +133,35 @@ FilePtr DatabaseUtils::getFileWithKey(const QString &key, const ContextPtr &cont
     return first<File>(context, Predicate::like(kKey, key));
 }
 
+QHash<QString, FilePtr> DatabaseUtils::getFilesWithKeys(const QStringList &keys, const ContextPtr &context)
+{
+    // A fixed number of keys per query (the last group padded with its last key): one statement
+    // to prepare, and no limit on the terms of a query whatever the number of keys.
+    constexpr qsizetype kPerQuery = 16;
+    QHash<QString, FilePtr> found;
+    if (!context)
+        return found;
+    QStringList plain;
+    for (const QString &key : keys) {
+        if (!key.contains(u'*') && !key.contains(u'?') && !found.contains(key)) {
+            found.insert(key, nullptr);
+            plain.append(key);
+        }
+    }
+    for (qsizetype at = 0; at < plain.size(); at += kPerQuery) {
+        Predicate anyOf = Predicate::like(kKey, plain.at(at));
+        for (qsizetype i = 1; i < kPerQuery; ++i)
+            anyOf = anyOf || Predicate::like(kKey, plain.at(qMin(at + i, plain.size() - 1)));
+        // Rows come in the order getFileWithKey takes its first from: the first of a key wins.
+        for (const FilePtr &row : context->fetch<File>(anyOf)) {
+            FilePtr &slot = found[row->key()];
+            if (!slot)
+                slot = row;
+        }
+    }
+    return found;
+}
+
 DirectoryPtr DatabaseUtils::getDirectoryWithPath(const QString &path)
 {
     DirectoryPtr row;

@@ -43,6 +43,7 @@
 class AppServices;
 class DaemonLauncher;
 class DatabaseUtils;
+class File;
 class GDataXMLElement;
 class ManagedObjectContext;
 class QThread;
@@ -140,9 +141,12 @@ public:
     // Listener queue: creates one folder and its record; its local path ("" when skipped).
     QString addDirWithElement(const std::shared_ptr<GDataXMLElement> &element, const QString &parentPath,
                               const std::shared_ptr<ManagedObjectContext> &context);
-    // Listener queue: fetches one file when needed and records it.
+    // Listener queue: fetches one file when needed and records it. `known`, when given, holds the
+    // rows of its listing's files looked up together (DatabaseUtils::getFilesWithKeys); a row made
+    // here is added to it.
     void addFileWithElement(const std::shared_ptr<GDataXMLElement> &element, const QString &parentPath,
-                            const std::shared_ptr<ManagedObjectContext> &context);
+                            const std::shared_ptr<ManagedObjectContext> &context,
+                            QHash<QString, std::shared_ptr<File>> *known = nullptr);
     // Listener queue: saves the walk's pending rows (logged, not thrown, when the save fails).
     void saveWalkRows(const std::shared_ptr<ManagedObjectContext> &context);
     // Worker: one work-list pass.

@@ -344,15 +344,29 @@ void ProcessWindowController::getContentInFolder(const std::shared_ptr<GDataXMLE
             continue;
         }
         const auto children = childElements(firstElement(reply, QStringLiteral("LIST")));
-        for (const auto &child : children) {
+        // The rows of a run of files (up to the next folder, whose walk comes in between) are
+        // looked up together: one query per run, not one per file.
+        QHash<QString, FilePtr> known;
+        qsizetype knownUntil = -1;
+        for (qsizetype i = 0; i < children.size(); ++i) {
+            const auto &child = children.at(i);
             endThreadIfNotAlive();
             if (shadowedByComposedTwin(child, children))
                 continue;
             child->addAttribute(GDataXMLNode::attributeWithName(QStringLiteral("PKEY"), key));
-            if (child->name() == u"DIR")
+            if (child->name() == u"DIR") {
                 getContentInFolder(child, folderPath, context);
-            else
-                addFileWithElement(child, folderPath, context);
+            } else {
+                if (i > knownUntil) {
+                    QStringList keys;
+                    for (knownUntil = i;
+                         knownUntil < children.size() && children.at(knownUntil)->name() != u"DIR";
+                         ++knownUntil)
+                        keys.append(attribute(children.at(knownUntil), QStringLiteral("KEY")));
+                    known = db()->getFilesWithKeys(keys, context);
+                }
+                addFileWithElement(child, folderPath, context, &known);
+            }
             Pace::sleep(500);
         }
         saveWalkRows(context);
@@ -423,7 +437,8 @@ QString ProcessWindowController::addDirWithElement(const std::shared_ptr<GDataXM
 
 void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLElement> &element,
                                                  const QString &parentPath,
-                                                 const std::shared_ptr<ManagedObjectContext> &context)
+                                                 const std::shared_ptr<ManagedObjectContext> &context,
+                                                 QHash<QString, FilePtr> *known)
 {
     endThreadIfNotAlive();
     QString name = attribute(element, QStringLiteral("NAME"));
@@ -444,7 +459,7 @@ void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLE
         isSpellingTwin(parentPath + u'/' + name, local, key, QString(), context))
         return;
     name = CataloguePaths::nameAsSpelled(name, local);
-    FilePtr row = utils->getFileWithKey(key, context);
+    FilePtr row = known && known->contains(key) ? known->value(key) : utils->getFileWithKey(key, context);
 
     qint64 fetchedSize = -1;
     const bool download = !CataloguePaths::itemExists(local) ||
@@ -470,6 +485,8 @@ void ProcessWindowController::addFileWithElement(const std::shared_ptr<GDataXMLE
         row = context->insertNewObject<File>();
         if (md5.isEmpty())
             md5 = UploadFile::getMD5OfFileAtPath(local);
+        if (known && known->contains(key))
+            known->insert(key, row); // a later entry of the same key finds it, as a lookup would
     }
     row->setName(name);
     if (!md5.isEmpty())

@@ -77,6 +77,36 @@ TEST_F(CatalogueQueriesTest, LikeLookupsMatchWholeStringsWithWildcards)
     EXPECT_EQ(fromWorker->key(), u"k1");
 }
 
+// Looked up together, keys find what one lookup each finds: saved rows (over several queries),
+// unsaved ones, edited keys, two rows of one key (the first wins), none; wildcard keys are left out.
+TEST_F(CatalogueQueriesTest, KeysLookedUpTogetherFindWhatOneLookupEachFinds)
+{
+    QStringList keys;
+    for (int i = 0; i < 37; ++i) {
+        keys.append(QStringLiteral("f%1").arg(i));
+        if (i % 3 != 0)
+            addFile(keys.last(), at(QStringLiteral("d/%1").arg(i)));
+    }
+    addFile(QStringLiteral("f1"), at(QStringLiteral("d/twin")));
+    addFile(QStringLiteral("old"), at(QStringLiteral("d/renamed")));
+    ASSERT_TRUE(context->save());
+    addFile(QStringLiteral("f3"), at(QStringLiteral("d/unsaved")));
+    db->getFileWithKey(QStringLiteral("old"), context)->setKey(QStringLiteral("f6"));
+    db->getFileWithKey(QStringLiteral("f2"), context)->setKey(QStringLiteral("gone"));
+    keys << QStringLiteral("old") << QStringLiteral("f4") << QStringLiteral("f*");
+
+    const QHash<QString, FilePtr> found = db->getFilesWithKeys(keys, context);
+    EXPECT_FALSE(found.contains(QStringLiteral("f*")));
+    EXPECT_EQ(found.size(), 38);
+    for (const QString &key : found.keys())
+        EXPECT_EQ(found.value(key), db->getFileWithKey(key, context)) << qPrintable(key);
+    EXPECT_EQ(found.value(QStringLiteral("f3"))->path(), at(QStringLiteral("d/unsaved")));
+    EXPECT_EQ(found.value(QStringLiteral("f6"))->path(), at(QStringLiteral("d/renamed")));
+    EXPECT_EQ(found.value(QStringLiteral("f2")), nullptr);
+    EXPECT_EQ(found.value(QStringLiteral("f36")), nullptr);
+    EXPECT_NE(found.value(QStringLiteral("f35")), nullptr);
+}
+
 TEST_F(CatalogueQueriesTest, SubtreeQueriesIgnoreCaseAndDiacriticsButStopAtTheSeparator)
 {
     addFile(QStringLiteral("1"), at(QStringLiteral("A/x.txt")));
