@@ -273,7 +273,20 @@ private:
                 return false;
         }
         m_seenAnswerByte = true;
-        *line = m_socket->readLine(kMaxHeadBytes).trimmed();
+        // Read through a small buffer: asking the device for a line of up to kMaxHeadBytes makes
+        // it allocate that much for every line of every answer.
+        QByteArray read;
+        char piece[512];
+        while (read.size() < kMaxHeadBytes) {
+            const qint64 got =
+                m_socket->readLine(piece, qMin<qint64>(sizeof piece, kMaxHeadBytes - read.size() + 1));
+            if (got <= 0)
+                break;
+            read.append(piece, got);
+            if (piece[got - 1] == '\n')
+                break;
+        }
+        *line = read.trimmed();
         return true;
     }
 

@@ -19,13 +19,15 @@ RestRequest post(const TestHttpsServer &server, const QByteArray &body)
 
 TEST(DirectHttp, OneConnectionCarriesTheRequestsAndADroppedOneIsReplacedOnce)
 {
-    // 1 and 2 keep the connection (2 chunked); 3 finds it closed under it, unanswered, and goes
+    // 1 (with a long header line) and 2 keep the connection (2 chunked); 3 finds it closed under it, unanswered, and goes
     // again on a new one; 4 is refused with 404; 5 gets a body cut short.
     TestHttpsServer server([](const TestRequest &request) {
         TestResponse r;
         r.body = "answer to " + request.body;
-        if (request.body == "one")
+        if (request.body == "one") {
             r.action = TestResponse::KeepOpen;
+            r.headers.append({"X-Long", QByteArray(3000, 'x') + "end"}); // read in several pieces
+        }
         else if (request.body == "two")
             r.action = TestResponse::Chunked;
         else if (request.body == "three" && request.connection == 1)
@@ -53,6 +55,7 @@ TEST(DirectHttp, OneConnectionCarriesTheRequestsAndADroppedOneIsReplacedOnce)
         EXPECT_EQ(answers[i].status, 200) << i;
         EXPECT_TRUE(answers[i].error.isNull()) << i << qPrintable(answers[i].error.toString());
     }
+    EXPECT_EQ(DirectHttp::headerValue(answers[0].headers, "x-long"), QByteArray(3000, 'x') + "end");
     // An HTTP error is an answer: its body is there, its error says which.
     EXPECT_FALSE(answers[3].transportFailure);
     EXPECT_EQ(answers[3].error.code, int(QNetworkReply::ContentNotFoundError));
