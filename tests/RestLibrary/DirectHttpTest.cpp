@@ -1,6 +1,7 @@
 // Exchanges a worker makes on its own thread: one kept connection reused, a kept connection the
 // server dropped replaced without losing the request, and every way an answer can end.
 #include "RestLibrary/DirectHttp.h"
+
 #include "RestLibrary/NetworkAccess.h"
 #include "TestHttpsServer.h"
 #include "common/TestServer.h"
@@ -12,23 +13,23 @@ namespace {
 
 RestRequest post(const TestHttpsServer &server, const QByteArray &body)
 {
-    return {NetworkAccess::request(QUrl(QStringLiteral("https://%1/cmd").arg(server.domain()))), "POST", body};
+    return {NetworkAccess::request(QUrl(QStringLiteral("https://%1/cmd").arg(server.domain()))), "POST",
+            body};
 }
 
 } // namespace
 
 TEST(DirectHttp, OneConnectionCarriesTheRequestsAndADroppedOneIsReplacedOnce)
 {
-    // 1 (with a long header line) and 2 keep the connection (2 chunked); 3 finds it closed under it, unanswered, and goes
-    // again on a new one; 4 is refused with 404; 5 gets a body cut short.
+    // 1 (with a long header line) and 2 keep the connection (2 chunked); 3 finds it closed under it,
+    // unanswered, and goes again on a new one; 4 is refused with 404; 5 gets a body cut short.
     TestHttpsServer server([](const TestRequest &request) {
         TestResponse r;
         r.body = "answer to " + request.body;
         if (request.body == "one") {
             r.action = TestResponse::KeepOpen;
             r.headers.append({"X-Long", QByteArray(3000, 'x') + "end"}); // read in several pieces
-        }
-        else if (request.body == "two")
+        } else if (request.body == "two")
             r.action = TestResponse::Chunked;
         else if (request.body == "three" && request.connection == 1)
             r.action = TestResponse::CloseUnanswered;
