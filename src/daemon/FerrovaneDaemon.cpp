@@ -16,6 +16,10 @@
 FerrovaneDaemon::FerrovaneDaemon(DistributedNotificationCenter *center, QObject *parent)
     : QObject(parent), m_center(center)
 {
+    connect(&m_awaitTimer, &QTimer::timeout, this, [this] {
+        if (QFileInfo::exists(m_awaitedFolder))
+            startListener(QString(m_awaitedFolder)); // a copy: the start clears the member
+    });
     m_center->addObserver(
         this, [this](const QString &, const QString &object) { startListener(object); },
         LinkNames::kDemonStartListener);
@@ -44,6 +48,14 @@ void FerrovaneDaemon::startListener(const QString &folder)
     // A new start replaces whatever ran before: new tree, new port, new connection.
     stopListener();
     const QFileInfo info(folder);
+    if (!folder.isEmpty() && !info.exists()) {
+        // The client may ask before it has made the folder (a first synchronisation makes it just
+        // after): it is watched once it appears.
+        FV_LOG(u"Waiting for \"%1\" to appear"_qs.arg(folder));
+        m_awaitedFolder = folder;
+        m_awaitTimer.start(Pace::ms(250));
+        return;
+    }
     if (folder.isEmpty() || !info.isDir()) {
         FV_LOG(u"Not starting: \"%1\" is not a folder"_qs.arg(folder));
         return;
@@ -97,6 +109,8 @@ void FerrovaneDaemon::eventsLost()
 
 void FerrovaneDaemon::stopListener()
 {
+    m_awaitTimer.stop();
+    m_awaitedFolder.clear();
     if (!m_server && !m_stream)
         return;
     FV_LOG(u"Stop watching %1"_qs.arg(m_stream ? m_stream->root() : QString()));

@@ -3,7 +3,8 @@
 // bus (object: the sync-folder path), watches that tree, listens on 127.0.0.1 at a fresh port that
 // it announces as the object of "kKeyMyFSListenerPort", and sends every change to the client that
 // connects, one framed keyed-archive message per change. "com.velmora.FerrovaneDemon_stopListener"
-// ends the watch and the connection; the next start announces a new port.
+// ends the watch and the connection; the next start announces a new port. A start for a folder
+// that does not exist yet waits for it to appear.
 //
 // Changes seen before the client connects are kept (up to a limit) and sent once it does. The
 // client's 4-byte keep-alives are read and dropped. When the kernel drops events, the tree is
@@ -20,6 +21,7 @@
 #include <QObject>
 #include <QPointer>
 #include <QString>
+#include <QTimer>
 #include <memory>
 
 class DistributedNotificationCenter;
@@ -62,4 +64,8 @@ private:
     QList<QByteArray> m_waiting;
     bool m_saidDropping = false;
     bool m_saidOddBytes = false;
+    // A start for a folder that does not exist yet: looked for until it does, or until a stop or
+    // another start.
+    QString m_awaitedFolder;
+    QTimer m_awaitTimer;
 };

@@ -139,10 +139,11 @@ protected:
 
     bool serviceRunning() const { return s_bus->bus->interface()->isServiceRegistered(kServiceName).value(); }
 
-    void launch()
+    // With `channels` SeparateChannels the daemon's diagnostics are read with readAllStandardError.
+    void launch(QProcess::ProcessChannelMode channels = QProcess::ForwardedErrorChannel)
     {
         daemon.setProcessEnvironment(environment());
-        daemon.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        daemon.setProcessChannelMode(channels);
         daemon.start(QCoreApplication::applicationDirPath() + u"/ferrovane-daemon"_qs, {u"--verbose"_qs});
         ASSERT_TRUE(daemon.waitForStarted(5000));
         ASSERT_TRUE(TestUtil::waitFor([&] { return serviceRunning(); }, 20000));
@@ -366,6 +367,28 @@ TEST_F(DaemonProcess, StartForSomethingThatIsNotAFolderAnnouncesNothing)
     EXPECT_EQ(ports.size(), 1);
     write(root + u"/ok.txt"_qs);
     EXPECT_EQ(settle(), QStringList({u"CreateFile ok.txt"_qs}));
+}
+
+TEST_F(DaemonProcess, StartForAFolderNotMadeYetAnnouncesItsPortOnceItIsThere)
+{
+    launch(QProcess::SeparateChannels);
+    // Stopped before it appears: nothing is announced for it.
+    const QString dropped = m_dir.path() + u"/Dropped"_qs;
+    center->postNotificationName(LinkNames::kDemonStartListener, dropped);
+    center->postNotificationName(LinkNames::kDemonStopListener);
+    // As a first synchronisation does: the start is asked for, then the folder made.
+    root = m_dir.path() + u"/Later/CloudFolder"_qs;
+    center->postNotificationName(LinkNames::kDemonStartListener, root);
+    QByteArray said;
+    ASSERT_TRUE(TestUtil::waitFor(
+        [&] { return (said += daemon.readAllStandardError()).contains(QFile::encodeName(root)); }, 20000));
+    ASSERT_TRUE(QDir().mkpath(dropped));
+    ASSERT_TRUE(QDir().mkpath(root));
+    ASSERT_TRUE(TestUtil::waitFor([&] { return !ports.isEmpty(); }, 20000));
+    connectTo(ports.constLast().toUShort());
+    write(root + u"/made.txt"_qs);
+    EXPECT_EQ(settle(), QStringList({u"CreateFile made.txt"_qs}));
+    EXPECT_EQ(ports.size(), 1);
 }
 
 TEST(DaemonSession, ExitsWhenItsSessionBusGoesAway)
