@@ -158,14 +158,17 @@ bool itemExists(const QString &path, bool *isFolder)
         *isFolder = false;
     if (path.isEmpty() || path.contains(QChar(0)))
         return false;
+    // One look for what is missing (most paths asked about during a first sync): a link that
+    // leads nowhere still exists; a link is followed only to say whether it leads to a folder.
     struct stat info;
     const QByteArray native = QFile::encodeName(path);
-    if (::stat(native.constData(), &info) == 0) {
-        if (isFolder)
-            *isFolder = S_ISDIR(info.st_mode);
-        return true;
-    }
-    return ::lstat(native.constData(), &info) == 0;
+    if (::lstat(native.constData(), &info) != 0)
+        return false;
+    if (isFolder)
+        *isFolder =
+            S_ISDIR(info.st_mode) ||
+            (S_ISLNK(info.st_mode) && ::stat(native.constData(), &info) == 0 && S_ISDIR(info.st_mode));
+    return true;
 }
 
 QDateTime modificationDate(const QString &path)

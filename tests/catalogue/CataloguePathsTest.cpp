@@ -2,6 +2,9 @@
 
 #include "catalogue/CataloguePaths.h"
 
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
 #include <gtest/gtest.h>
 
 TEST(CataloguePaths, OnlyCleanPathsStrictlyBelowTheRootAreInside)
@@ -47,4 +50,35 @@ TEST(CataloguePaths, SafeNamesAreOneComponent)
     for (const QString &name : {QString(), QStringLiteral("."), QStringLiteral(".."), QStringLiteral("a/b"),
                                 QStringLiteral("/"), QString(QStringLiteral("a") + QChar(0))})
         EXPECT_FALSE(CataloguePaths::isSafeName(name)) << qPrintable(name);
+}
+
+TEST(CataloguePaths, ItemsExistAsTheyAreAndLinksLeadToFoldersOrNowhere)
+{
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    const QString folder = dir.filePath(QStringLiteral("folder"));
+    const QString file = dir.filePath(QStringLiteral("file"));
+    ASSERT_TRUE(QDir().mkpath(folder));
+    QFile made(file);
+    ASSERT_TRUE(made.open(QIODevice::WriteOnly));
+    made.close();
+    ASSERT_TRUE(QFile::link(folder, dir.filePath(QStringLiteral("to-folder"))));
+    ASSERT_TRUE(QFile::link(file, dir.filePath(QStringLiteral("to-file"))));
+    ASSERT_TRUE(
+        QFile::link(dir.filePath(QStringLiteral("gone")), dir.filePath(QStringLiteral("to-nothing"))));
+
+    const struct
+    {
+        const char *name;
+        bool exists, isFolder;
+    } cases[] = {{"folder", true, true},      {"file", true, false},       {"to-folder", true, true},
+                 {"to-file", true, false},    {"to-nothing", true, false}, {"gone", false, false},
+                 {"gone/below", false, false}};
+    for (const auto &c : cases) {
+        bool isFolder = !c.isFolder;
+        EXPECT_EQ(CataloguePaths::itemExists(dir.filePath(QLatin1String(c.name)), &isFolder), c.exists)
+            << c.name;
+        EXPECT_EQ(isFolder, c.isFolder) << c.name;
+        EXPECT_EQ(CataloguePaths::itemExists(dir.filePath(QLatin1String(c.name))), c.exists) << c.name;
+    }
 }
