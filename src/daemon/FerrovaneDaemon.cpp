@@ -104,8 +104,8 @@ void FerrovaneDaemon::eventsLost()
     m_classifier.reset();
     // The new watch is set up before the overflowed one is closed. Closed first, the new
     // inotify instance at times got no event at all for the same folders (watches in place, nothing
-    // queued); seen in about half the runs of the overflow test on Linux 6.18, never this way round.
-    // The old stream is inside its callback here: it is deleted from the event loop.
+    // queued): in about half the runs of the overflow test on Linux 6.18, and in none of 30 this
+    // way round. The old stream is inside its callback here: it is deleted from the event loop.
     std::unique_ptr<InotifyTreeStream> overflowed = std::move(m_stream);
     const bool watching = watch(folder);
     overflowed->stop();
